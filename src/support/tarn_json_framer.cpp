@@ -1,0 +1,47 @@
+#include "support/tarn_json_framer.h"
+
+namespace tarn {
+
+std::string json_framer::feed(std::string_view bytes) {
+    text_.append(bytes);
+    std::string newest;
+    for (;;) {
+        if (at_ == 0) drop_to_start();
+        if (!find_end()) return newest;
+        newest = text_.substr(0, at_);
+        text_.erase(0, at_);
+        at_ = 0;
+    }
+}
+
+/// Drops everything in front of the next object; a last "{" may be the first half of its start.
+void json_framer::drop_to_start() {
+    const std::size_t start = text_.find("{\"");
+    if (start != std::string::npos) {
+        text_.erase(0, start);
+    } else {
+        text_.erase(0, text_.ends_with('{') ? text_.size() - 1 : text_.size());
+    }
+}
+
+/// Goes on to the brace that closes the object; false when it has not come yet.
+bool json_framer::find_end() {
+    if (text_.size() < 2) return false;
+    for (; at_ < text_.size(); ++at_) {
+        const char c = text_[at_];
+        if (in_string_ && c == '\\') {
+            if (at_ + 1 == text_.size()) return false;
+            ++at_;
+        } else if (c == '"') {
+            in_string_ = !in_string_;
+        } else if (!in_string_ && c == '{') {
+            ++depth_;
+        } else if (!in_string_ && c == '}' && --depth_ == 0) {
+            ++at_;
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace tarn

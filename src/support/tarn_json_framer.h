@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tarn {
+
+/// Cuts a stream of bytes into JSON objects, however they are spread over reads. An object begins at "{\"";
+/// what stands between objects (headers, line feeds) is dropped.
+class json_framer final {
+  public:
+    /// Takes what a read brought and returns the newest object that is complete now; an empty text when none
+    /// is.
+    std::string feed(std::string_view bytes);
+
+    /// Bytes kept for an object that is not complete.
+    [[nodiscard]] std::size_t pending() const { return text_.size(); }
+
+  private:
+    void drop_to_start();
+    bool find_end();
+
+    std::string text_;
+    std::size_t at_ = 0;  ///< how far the object at the front of the text has been looked through
+    int depth_ = 0;
+    bool in_string_ = false;
+};
+
+}  // namespace tarn

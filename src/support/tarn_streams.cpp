@@ -1,0 +1,76 @@
+#include "support/tarn_streams.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "support/tarn_text.h"
+
+namespace tarn {
+namespace {
+
+bool set_timeouts(int socket, int seconds) {
+    // The system takes 0 for "no limit".
+    const timeval limit{std::max(seconds, 1), 0};
+    return ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
+           ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+stream connect_stream(int family, const sockaddr* address, socklen_t length, int timeout_seconds) {
+    unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket) return {{}, stream_step::socket, errno};
+    if (!set_timeouts(socket.get(), timeout_seconds)) return {{}, stream_step::timeouts, errno};
+    if (::connect(socket.get(), address, length) != 0) return {{}, stream_step::connect, errno};
+    return {std::move(socket), stream_step::none, 0};
+}
+
+}  // namespace
+
+std::optional<in_addr> parse_ipv4(std::string_view text) {
+    std::array<char, 64> terminated{};
+    if (text.size() >= terminated.size()) return std::nullopt;
+    std::copy(text.begin(), text.end(), terminated.begin());
+    in_addr address{};
+    if (::inet_aton(terminated.data(), &address) == 0) return std::nullopt;
+    return address;
+}
+
+std::string ipv4_text(in_addr address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    ::inet_ntop(AF_INET, &address, text.data(), text.size());
+    return text.data();
+}
+
+stream connect_tcp(in_addr address, int port, int timeout_seconds) {
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(static_cast<std::uint16_t>(port));
+    peer.sin_addr = address;
+    return connect_stream(AF_INET, reinterpret_cast<const sockaddr*>(&peer), sizeof peer, timeout_seconds);
+}
+
+stream connect_unix(std::string_view path, int timeout_seconds) {
+    sockaddr_un peer{};
+    peer.sun_family = AF_UNIX;
+    path.copy(peer.sun_path, sizeof peer.sun_path);
+    return connect_stream(AF_UNIX, reinterpret_cast<const sockaddr*>(&peer), sizeof peer, timeout_seconds);
+}
+
+ssize_t send_once(const unique_fd& socket, std::span<const std::byte> bytes) {
+    return ::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+ssize_t send_once(const unique_fd& socket, std::string_view text) {
+    return send_once(socket, std::as_bytes(std::span(text)));
+}
+
+ssize_t receive_once(const unique_fd& socket, std::span<char> buffer) {
+    return ::recv(socket.get(), buffer.data(), buffer.size(), 0);
+}
+
+}  // namespace tarn

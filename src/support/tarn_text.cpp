@@ -1,0 +1,99 @@
+#include "support/tarn_text.h"
+
+#include <array>
+
+namespace tarn {
+
+bool is_valid_int(std::string_view text) {
+    if (text.starts_with('-')) text.remove_prefix(1);
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+std::string_view remove_newline_ch(std::string_view line) {
+    if (line.ends_with('\n')) line.remove_suffix(1);
+    return line;
+}
+
+std::string_view next_token(std::string_view& rest, std::string_view delimiters) {
+    rest.remove_prefix(std::min(rest.find_first_not_of(delimiters), rest.size()));
+    const std::string_view token = rest.substr(0, rest.find_first_of(delimiters));
+    rest.remove_prefix(token.size());
+    return token;
+}
+
+bool in_excludelist(std::string_view name, const char (*masks)[256], int count) {
+    return std::any_of(masks, masks + count, [name](const auto& field) {
+        std::string_view mask = text_of(field);
+        if (mask.size() < 2 || !mask.ends_with('*')) return name == mask;
+        mask.remove_suffix(1);
+        return name.starts_with(mask);
+    });
+}
+
+std::size_t utf8_character(std::string_view text) {
+    if (text.empty()) return 0;
+    const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) return 1;
+
+    // The bounds of the second byte shut out overlong forms (E0, F0), surrogates (ED) and values above
+    // U+10FFFF (F4).
+    struct form {
+        unsigned first, last, second_low, second_high;
+        std::size_t length;
+    };
+    constexpr std::array<form, 8> forms{{{0xC2, 0xDF, 0x80, 0xBF, 2},
+                                         {0xE0, 0xE0, 0xA0, 0xBF, 3},
+                                         {0xE1, 0xEC, 0x80, 0xBF, 3},
+                                         {0xED, 0xED, 0x80, 0x9F, 3},
+                                         {0xEE, 0xEF, 0x80, 0xBF, 3},
+                                         {0xF0, 0xF0, 0x90, 0xBF, 4},
+                                         {0xF1, 0xF3, 0x80, 0xBF, 4},
+                                         {0xF4, 0xF4, 0x80, 0x8F, 4}}};
+    for (const form& f : forms) {
+        if (lead < f.first || lead > f.last) continue;
+        if (text.size() < f.length || byte(1) < f.second_low || byte(1) > f.second_high) return 0;
+        for (std::size_t at = 2; at < f.length; ++at) {
+            if (byte(at) < 0x80 || byte(at) > 0xBF) return 0;
+        }
+        return f.length;
+    }
+    return 0;
+}
+
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t length = utf8_character(text);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string to_utf8(std::string_view text) {
+    std::string clean;
+    clean.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t length = utf8_character(text);
+        clean += length > 0 ? text.substr(0, length) : "?";
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return clean;
+}
+
+bool line_reader::next(std::string_view& line) {
+    if (rest_.empty()) return false;
+    const std::string_view piece = rest_.substr(0, limit_);
+    const std::size_t feed = piece.find('\n');
+    line = piece.substr(0, feed);
+    rest_.remove_prefix(feed == std::string_view::npos ? piece.size() : feed + 1);
+    return true;
+}
+
+bool scanner::skip(int count) {
+    while (count > 0 && !word().empty())
+        --count;
+    return count == 0;
+}
+
+}  // namespace tarn
