@@ -1,0 +1,35 @@
+#include "record/tarn_turn.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+
+#include "record/tarn_config.h"
+
+volatile std::sig_atomic_t stop = 0;
+
+namespace {
+
+constexpr std::uint64_t last_iteration = 1163962800;
+
+constexpr long second_ns = 1'000'000'000;
+
+}  // namespace
+
+void sleep_one_turn(int margin_ms) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const long wait = second_ns + margin_ms * 1'000'000L - now.tv_nsec;
+    const timespec duration{wait / second_ns, wait % second_ns};
+    ::nanosleep(&duration, nullptr);
+}
+
+bool is_cycle_second(long t) {
+    return static_cast<std::int64_t>(t) % static_cast<std::int64_t>(config.interval) == config.randomsecond;
+}
+
+std::uint64_t next_iteration(std::uint64_t iteration) {
+    if (iteration + 1 != last_iteration) return iteration + 1;
+    std::printf("WOW! iteration %" PRIu64 "\n", last_iteration);
+    return 0;
+}

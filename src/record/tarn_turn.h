@@ -1,0 +1,23 @@
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+/// Set to 1 by the stop signals; every loop tests it once per turn.
+extern volatile std::sig_atomic_t stop;
+
+/// How long after each full second a loop wakes. The loop that writes into shared memory comes before the one
+/// that reads from it: with an interval of 1 or 2 seconds their cycles fall on the same second.
+inline constexpr int writer_margin_ms = 20;
+inline constexpr int reader_margin_ms = 120;
+
+/// Sleeps into the next second of the wall clock, at most about one second; a signal ends it early. Waking a
+/// little after each full second, a loop sees every second once and never drifts over one.
+void sleep_one_turn(int margin_ms);
+
+/// True when a cycle falls on second `t`: t modulo the report interval equals the agent's random second.
+bool is_cycle_second(long t);
+
+/// The number of the cycle after this one. After 1163962800 the count says so and starts again at 0, which
+/// makes the next cycle a first one.
+std::uint64_t next_iteration(std::uint64_t iteration);
