@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// The host's CPU time split in percent over the last interval, its CPU count and load average.
+struct tarn_mycustom_data_cpu {
+    int ok;               ///< 1 when the record holds valid values
+    float lavg;           ///< one-minute load average, from /proc/loadavg
+    std::uint32_t ncpus;  ///< number of CPUs, counted at init; wide enough for hosts with more than 255
+    std::uint64_t user;   ///< data: jiffies since boot; data_delta: percent of the interval, 0 to 100
+    std::uint64_t nice;
+    std::uint64_t system;
+    std::uint64_t idle;
+    std::uint64_t iowait;
+    std::uint64_t irq;
+    std::uint64_t softirq;
+    std::uint64_t steal;
+    std::uint64_t guest;   ///< also counted inside `user` by the kernel
+    std::uint64_t cputot;  ///< data_delta: jiffies of all CPUs in the interval, guest included
+};
+
+/// Counts the per-CPU lines ("cpu0", "cpu1", ...) of /proc/stat; a name that comes twice counts once.
+std::uint32_t cpu_count(std::string_view stat);
+
+/// Reads the jiffies of the line whose first word is `line_name` from /proc/stat. A field that the line does
+/// not hold, or all of them without that line, keep their values.
+void cpu_parse_stat(std::string_view stat, std::string_view line_name, tarn_mycustom_data_cpu& data);
+
+int cpu_init(tarn_mycustom_counter& counter);
+int cpu_update(tarn_mycustom_counter& counter);
+int cpu_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int cpu_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int cpu_dump(tarn_mycustom_counter& counter);
+int cpu_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "record/tarn_counter.h"
+#include "support/tarn_name_index.h"
+
+/// One block device. In data and data_prev the figures are totals since boot, in data_delta rates per second.
+struct mibdisk {
+    int ok;                  ///< the device stood in /proc/diskstats; data_delta: in both samples
+    char device[256];        ///< name as in /sys/block
+    std::uint64_t rbytes;    ///< reads completed (operations, whatever the name says)
+    std::uint64_t wbytes;    ///< writes completed (operations)
+    std::uint64_t rticks;    ///< milliseconds spent reading
+    std::uint64_t wticks;    ///< milliseconds spent writing
+    std::uint64_t tticks;    ///< milliseconds spent doing I/O
+    std::uint64_t sRead;     ///< sectors of 512 bytes read
+    std::uint64_t sWritten;  ///< sectors of 512 bytes written
+    float busy;              ///< data_delta: percent of the interval in which the device was busy
+    float avio;              ///< data_delta: milliseconds of I/O per operation
+};
+
+/// I/O rates of the host's physical block devices.
+struct tarn_mycustom_data_disk {
+    int ok;                             ///< 1 when the record holds valid values
+    std::vector<mibdisk> mibdisk_list;  ///< in the order of the directory /sys/block
+    tarn::name_index positions;         ///< device name to its place in the list
+};
+
+/// What the busy percentage is measured against: the CPU counter's figures of the same cycle.
+struct disk_time_base {
+    std::uint64_t cputot;        ///< jiffies of all CPUs in the interval
+    std::uint32_t ncpus;         ///< number of CPUs; with 0 nothing is busy
+    long clock_ticks = 100;      ///< jiffies per second
+    std::uint32_t interval = 1;  ///< seconds between the two samples
+};
+
+/// Fills the devices of the list from /proc/diskstats in one pass. A device without a line is not ok.
+void disk_parse_diskstats(std::string_view diskstats, tarn_mycustom_data_disk& data);
+
+/// The rates of one device between two samples.
+mibdisk disk_rates(const mibdisk& now, const mibdisk& before, const disk_time_base& base);
+
+int disk_init(tarn_mycustom_counter& counter);
+int disk_update(tarn_mycustom_counter& counter);
+int disk_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int disk_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int disk_dump(tarn_mycustom_counter& counter);
+int disk_free(tarn_mycustom_counter& counter);

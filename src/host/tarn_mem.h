@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// The host's memory and swap use and its swapping rates.
+struct tarn_mycustom_data_mem {
+    int ok;                    ///< 1 when the record holds valid values
+    std::uint64_t memtotal;    ///< kB, "MemTotal:" of /proc/meminfo
+    std::uint64_t memfree;     ///< kB, "MemFree:"
+    std::uint64_t memused;     ///< kB: total less free, cached and buffers
+    std::uint64_t membuffers;  ///< kB, "Buffers:"
+    std::uint64_t memcached;   ///< kB, "Cached:"
+    std::uint64_t swaptotal;   ///< kB, "SwapTotal:"
+    std::uint64_t swapfree;    ///< kB, "SwapFree:"
+    std::uint64_t swapused;    ///< kB: total less free
+    std::uint64_t swapin;  ///< data: pages since boot, "pswpin" of /proc/vmstat; data_delta: pages per second
+    std::uint64_t swapout;  ///< as swapin, "pswpout"
+};
+
+/// Reads /proc/meminfo into the memory and swap fields and computes the used shares.
+void mem_parse_meminfo(std::string_view meminfo, tarn_mycustom_data_mem& data);
+
+/// Reads the two swapping totals from /proc/vmstat.
+void mem_parse_vmstat(std::string_view vmstat, tarn_mycustom_data_mem& data);
+
+int mem_init(tarn_mycustom_counter& counter);
+int mem_update(tarn_mycustom_counter& counter);
+int mem_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int mem_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int mem_dump(tarn_mycustom_counter& counter);
+int mem_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/statvfs.h>
+
+#include <cstdio>
+#include <string_view>
+#include <vector>
+
+#include "record/tarn_counter.h"
+
+/// One mounted filesystem. The two shares are free shares, whatever their names say: receivers rely on it.
+struct mibmount {
+    int ok;               ///< measured
+    char name[256];       ///< mount point
+    std::uint64_t free;   ///< space available to unprivileged users, MiB
+    std::uint64_t total;  ///< size, MiB
+    double inodes_usage;  ///< free inodes divided by all inodes, 0 to 1
+    double space_usage;   ///< available blocks divided by all blocks, 0 to 1
+};
+
+/// The mounted block-device filesystems and, unless excluded, the tmpfs ones. Listed once, at init.
+struct tarn_mycustom_data_mount {
+    int ok;                               ///< the mount table was read
+    std::vector<mibmount> mibmount_list;  ///< in the order of the mount table
+};
+
+/// True when the configuration leaves this mount point out.
+int excluded_mount(std::string_view path);
+
+/// MiB, rounded down, in blocks of the statistics' block size (not the fragment size).
+std::uint64_t free_space(const struct statvfs& figures);
+std::uint64_t total_space(const struct statvfs& figures);
+/// Shares from 0 to 1; 0 when the total is 0.
+double inodes_percentage_used(const struct statvfs& figures);
+double space_percentage_used(const struct statvfs& figures);
+
+/// Appends to the list what is to be watched of a mount table, in its order.
+void mount_parse_table(std::FILE& table, std::vector<mibmount>& list);
+
+int mount_init(tarn_mycustom_counter& counter);
+int mount_update(tarn_mycustom_counter& counter);
+int mount_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int mount_dump(tarn_mycustom_counter& counter);
+int mount_free(tarn_mycustom_counter& counter);

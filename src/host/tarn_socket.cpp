@@ -1,0 +1,84 @@
+// Read from /proc/net/sockstat: "TCP: inuse 12 orphan 3 tw 40 alloc 20 mem 5" and "UDP: inuse 4 mem 2".
+#include "host/tarn_socket.h"
+
+#include <cstdio>
+
+#include "record/tarn_records.h"
+#include "support/tarn_bson_append.h"
+#include "support/tarn_files.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+using data_socket = tarn_mycustom_data_socket;
+
+/// The numbers of a "TCP:" line in the kernel's order.
+constexpr std::uint32_t data_socket::*tcp_fields[] = {&data_socket::tcp_inuse, &data_socket::tcp_orphan,
+                                                      &data_socket::tcp_tw};
+constexpr std::uint32_t data_socket::*udp_fields[] = {&data_socket::udp_inuse};
+
+constexpr tarn::bson_row<data_socket> rows[] = {{"ok", tarn::as_int64<&data_socket::ok>},
+                                                {"tcp_inuse", tarn::as_int32<&data_socket::tcp_inuse>},
+                                                {"tcp_tw", tarn::as_int32<&data_socket::tcp_tw>},
+                                                {"tcp_orphan", tarn::as_int32<&data_socket::tcp_orphan>},
+                                                {"udp_inuse", tarn::as_int32<&data_socket::udp_inuse>}};
+
+/// Reads a line "LABEL: name number name number ...", a number for each member.
+template <std::size_t Members>
+void parse_line(std::string_view line, std::uint32_t data_socket::*const (&members)[Members],
+                data_socket& data) {
+    tarn::scanner fields(line);
+    fields.skip(1);
+    for (const auto member : members) {
+        if (!fields.skip(1) || !fields.number(data.*member)) return;
+    }
+}
+
+}  // namespace
+
+void socket_parse_sockstat(std::string_view sockstat, tarn_mycustom_data_socket& data) {
+    tarn::line_reader lines(sockstat);
+    for (std::string_view line; lines.next(line);) {
+        if (line.starts_with("TCP:")) parse_line(line, tcp_fields, data);
+        if (line.starts_with("UDP:")) parse_line(line, udp_fields, data);
+    }
+}
+
+int socket_init(tarn_mycustom_counter& counter) {
+    tarn::allocate_data<data_socket>(counter);
+    tarn::copy_text(counter.report, "socket");
+    return 1;
+}
+
+int socket_update(tarn_mycustom_counter& counter) {
+    auto& data = tarn::data_of<data_socket>(counter);
+    data.ok = 0;
+    const auto sockstat = tarn::read_file("/proc/net/sockstat");
+    if (!sockstat) return 0;
+    socket_parse_sockstat(*sockstat, data);
+    data.ok = 1;
+    return 1;
+}
+
+int socket_tobson(tarn_mycustom_counter& counter, bson_t& document) {
+    static constexpr data_socket none{};
+    const auto& data = tarn::data_of<data_socket>(counter);
+    tarn::sub_document socket(document, "socket");
+    tarn::append_rows(socket.document(), rows, data.ok != 0 ? data : none);
+    return 1;
+}
+
+int socket_dump(tarn_mycustom_counter& counter) {
+    const auto& data = tarn::data_of<data_socket>(counter);
+    std::printf("MyCustom %s report %s(%d) :\n", counter.report, counter.id, data.ok);
+    std::printf("\ttcp_inuse = %u\n", data.tcp_inuse);
+    std::printf("\ttcp_tw = %u\n", data.tcp_tw);
+    std::printf("\ttcp_orphan = %u\n", data.tcp_orphan);
+    std::printf("\tudp_inuse = %u\n", data.udp_inuse);
+    return 1;
+}
+
+int socket_free(tarn_mycustom_counter& counter) {
+    tarn::release_records<data_socket>(counter);
+    return 1;
+}
