@@ -1,0 +1,113 @@
+// The configuration text of a script counter: report, id, settings in any order, and then the command.
+// Example:
+//   web users uid=33 interval=2 /usr/local/bin/count-users
+#include <cstdio>
+#include <string>
+
+#include "record/tarn_config.h"
+#include "scripts/tarn_custom.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+/// Reads words from a text as if they were always separated by one blank: the position moves by the length of
+/// the word plus one. One blank too many at the front does no harm; further ones make words come twice.
+class single_blank_words final {
+  public:
+    explicit single_blank_words(std::string_view text) : rest_(text) {}
+
+    /// The next word without moving on; empty at the end.
+    [[nodiscard]] std::string_view peek() const { return tarn::scanner(rest_).word(); }
+
+    std::string_view take() {
+        const std::string_view word = peek();
+        rest_.remove_prefix(std::min(word.size() + 1, rest_.size()));
+        return word;
+    }
+
+    [[nodiscard]] std::string_view rest() const { return rest_; }
+
+  private:
+    std::string_view rest_;
+};
+
+/// A word, or a phrase in double quotes. The word that opens a phrase never closes it, even if it ends in a
+/// quote; the last character of the closing word is dropped.
+std::string take_field(single_blank_words& words) {
+    std::string field(words.take());
+    if (!field.starts_with('"')) return field;
+    field.erase(0, 1);
+    for (auto word = words.take(); !word.empty(); word = words.take()) {
+        field.append(1, ' ').append(word);
+        if (word.find('"') != std::string_view::npos) {
+            field.pop_back();
+            break;
+        }
+    }
+    return field;
+}
+
+/// The number that stands so many characters into a word.
+int number_at(std::string_view word, std::size_t at) {
+    return tarn::to_number<int>(word.substr(std::min(at, word.size())));
+}
+
+/// Applies one setting; false when the word is none, and so begins the command.
+bool apply_setting(std::string_view word, tarn_mycustom_counter& cnt) {
+    if (word.starts_with("uid=")) {
+        cnt.uid = number_at(word, 4);
+    } else if (word.starts_with("incremental")) {
+        cnt.incremental = 1;
+    } else if (word.starts_with("gid=")) {
+        cnt.gid = number_at(word, 4);
+    } else if (word.starts_with("timeout=")) {
+        cnt.max_seconds = number_at(word, 8);
+    } else if (word.starts_with("periods=") || word.starts_with("interval=")) {
+        // Nine characters in both cases: "periods=15" is a period of 5.
+        cnt.interval = number_at(word, 9);
+    } else if (word.starts_with("type=")) {
+        cnt.type = number_at(word, 5);
+    } else if (word.starts_with("alert=")) {
+        tarn::copy_text(cnt.alert_condition, word.substr(6));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void set_defaults(tarn_mycustom_counter& cnt) {
+    cnt.interval = config.custom_counters_delimiter;
+    cnt.uid = config.custom_default_uid;
+    cnt.gid = config.custom_default_gid;
+    cnt.max_seconds = config.custom_default_timeout;
+    cnt.type = custom_type_value;
+    cnt.incremental = 0;
+    cnt.alert_condition[0] = '\0';
+    cnt.exec[0] = '\0';
+}
+
+void print_settings(const tarn_mycustom_counter& cnt, std::string_view text) {
+    std::printf("Custom conuter init:\n");
+    std::printf("\tCfg string = %.*s\n", static_cast<int>(text.size()), text.data());
+    std::printf("\tReport = %s\n", cnt.report);
+    std::printf("\tId = %s\n", cnt.id);
+    std::printf("\tExec = %s\n", cnt.exec);
+    if (cnt.alert_condition[0] != '\0') std::printf("\tAlert when = %s\n", cnt.alert_condition);
+    std::printf("\tUid = %d, Gid = %d, Interval = %d, MaxSeconds = %d, Inc = %d, Type = %d\n", cnt.uid,
+                cnt.gid, cnt.interval, cnt.max_seconds, cnt.incremental, cnt.type);
+}
+
+}  // namespace
+
+int custom_parse_conf(tarn_mycustom_counter& cnt) {
+    set_defaults(cnt);
+    const std::string_view text = tarn::remove_newline_ch(tarn::text_of(cnt.cfg_string));
+    single_blank_words words(text);
+    tarn::copy_text(cnt.report, take_field(words));
+    tarn::copy_text(cnt.id, take_field(words));
+    while (!words.peek().empty() && apply_setting(words.peek(), cnt))
+        words.take();
+    if (!words.peek().empty()) tarn::copy_text(cnt.exec, words.rest());
+    print_settings(cnt, text);
+    return 1;
+}

@@ -1,0 +1,185 @@
+// Runs one script: a relaying process takes on the script's user, starts the shell and copies what it prints
+// into a pipe, so that a script that hangs can be left behind.
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "scripts/tarn_custom.h"
+#include "support/tarn_files.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+constexpr std::size_t output_limit = 1024;
+constexpr int most_alerts = 10;
+
+/// How the reading of a script's output ended.
+enum class reading { ended, full, late };
+
+struct script_output {
+    std::array<char, output_limit> text{};
+    std::size_t length = 0;
+};
+
+struct pipe_ends {
+    tarn::unique_fd read;
+    tarn::unique_fd write;
+};
+
+/// Without a pipe nothing can ever be run: the script process ends.
+pipe_ends make_pipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        std::printf("EROROR! Cannot pipe\n");
+        std::exit(EXIT_FAILURE);
+    }
+    return {tarn::unique_fd(ends[0]), tarn::unique_fd(ends[1])};
+}
+
+/// Takes on a user for good: real, effective and saved id, so that no program can change back. A user id that
+/// nobody has is refused, -1 among them, which to the kernel would mean "leave it as it is".
+bool become_user(int uid) {
+    const auto user = static_cast<uid_t>(uid);
+    return ::getpwuid(user) != nullptr && ::setresuid(user, user, user) == 0;
+}
+
+/// The script gets standard input from nowhere, the two outputs, and the signals as they are by default.
+void clean_inheritance() {
+    for (int signum = 1; signum < NSIG; ++signum)
+        std::signal(signum, SIG_DFL);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    const tarn::unique_fd nowhere(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (nowhere) ::dup2(nowhere.get(), STDIN_FILENO);
+    ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+}
+
+/// The whole life of the relaying process.
+[[noreturn]] void relay(const char* exec, int uid, const tarn::unique_fd& into) {
+    clean_inheritance();
+    if (!become_user(uid)) {
+        std::printf("EROROR! Cannot setuid\n");
+        std::fflush(stdout);
+        ::_exit(255);
+    }
+    std::FILE* const script = ::popen(exec, "re");  // NOLINT(cert-env33-c): the shell is what is asked for
+    if (script == nullptr) {
+        std::printf("EROROR! Cannot open pipe with result of execution shell command: %s\n", exec);
+        std::fflush(stdout);
+        ::_exit(127);
+    }
+    std::array<char, 256> chunk{};
+    ssize_t got = 0;
+    while ((got = ::read(::fileno(script), chunk.data(), chunk.size())) > 0) {
+        if (::write(into.get(), chunk.data(), static_cast<std::size_t>(got)) < 0) break;
+    }
+    ::pclose(script);
+    ::_exit(0);
+}
+
+/// Waits for output until the deadline; false when the time is up.
+bool wait_for_output(const tarn::unique_fd& from, clock_type::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock_type::now()).count();
+    pollfd polled{from.get(), POLLIN, 0};
+    return ::poll(&polled, 1, static_cast<int>(std::clamp<long>(left, 0, std::numeric_limits<int>::max()))) >
+           0;
+}
+
+/// Reads the output until it ends or the buffer is full. One time budget covers all waits.
+reading read_output(const tarn::unique_fd& from, int max_seconds, script_output& output) {
+    const auto deadline = clock_type::now() + std::chrono::seconds(max_seconds);
+    while (output.length < output.text.size()) {
+        if (!wait_for_output(from, deadline)) return reading::late;
+        const ssize_t got =
+            ::read(from.get(), output.text.data() + output.length, output.text.size() - output.length);
+        if (got <= 0) return reading::ended;
+        output.length += static_cast<std::size_t>(got);
+    }
+    return reading::full;
+}
+
+/// Judges a run by its output, and says why when it failed.
+bool is_good(reading how, const script_output& output, int max_seconds, int counter_type) {
+    if (how == reading::late) {
+        std::printf("EROROR! Custom script running too long (%d sec), killed\n", max_seconds);
+        return false;
+    }
+    if (output.length > 0 || counter_type == custom_type_status) return true;
+    std::printf("EROROR! Custom script has returned an empty string, killed\n");
+    return false;
+}
+
+/// Ends the relaying process and takes its status; false when it could not start the script and has said so.
+/// One that has closed its pipe is ending by itself. What it started is not signalled and may run on.
+bool end_relay(pid_t relay_pid, reading how) {
+    if (how != reading::ended) ::kill(relay_pid, SIGKILL);
+    int status = 0;
+    while (::waitpid(relay_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return !WIFEXITED(status) || WEXITSTATUS(status) == 0;
+}
+
+/// The line as a number, 0 when it is none.
+double number_of(std::string_view line) {
+    std::array<char, output_limit + 1> terminated{};
+    std::copy(line.begin(), line.end(), terminated.begin());
+    return std::strtod(terminated.data(), nullptr);
+}
+
+}  // namespace
+
+void custom_parse_output(std::string_view output, int counter_type, tarn_mycustom_data_custom& data) {
+    data.value = 0.0;
+    data.agent_alerts_count = 0;
+    std::string_view rest = output.substr(0, std::min(output.find('\0'), output_limit));
+    if (counter_type != custom_type_status) data.value = number_of(tarn::next_token(rest, "\n"));
+    while (data.agent_alerts_count < most_alerts) {
+        const std::string_view line = tarn::next_token(rest, "\n");
+        if (line.empty()) return;
+        tarn::copy_text(data.agent_alerts[data.agent_alerts_count++].text, line);
+    }
+}
+
+double call_exec(const char* exec, int uid, int /*gid*/, int max_seconds, int counter_type, int& err,
+                 tarn_mycustom_data_custom& data) {
+    err = 1;
+    pipe_ends ends = make_pipe();
+    std::fflush(nullptr);
+    const pid_t relay_pid = ::fork();
+    if (relay_pid < 0) {
+        std::printf("EROROR! Cannot fork while trying to execute %s", exec);
+        return 0.0;
+    }
+    if (relay_pid == 0) relay(exec, uid, ends.write);
+
+    ends.write.reset();
+    data.agent_alerts_count = 0;
+    data.value = 0.0;
+    if (::waitpid(relay_pid, nullptr, WNOHANG) < 0) {
+        std::printf("EROROR! waitpid %d\n", errno);
+        end_relay(relay_pid, reading::late);
+        return 0.0;
+    }
+    script_output output;
+    const reading how = read_output(ends.read, max_seconds, output);
+    const bool good = is_good(how, output, max_seconds, counter_type);
+    if (!end_relay(relay_pid, how) || !good) return 0.0;
+    err = 0;
+    custom_parse_output({output.text.data(), output.length}, counter_type, data);
+    return data.value;
+}

@@ -1,0 +1,142 @@
+// The script process: runs the scripts on their own periods and hands their results to the parent through a
+// block of shared memory, one slot per script counter in the order of the family.
+#include "scripts/tarn_customs_core.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "record/tarn_config.h"
+#include "record/tarn_records.h"
+#include "record/tarn_turn.h"
+#include "record/tarn_walk.h"
+#include "scripts/tarn_custom.h"
+#include "support/tarn_shared_memory.h"
+
+namespace {
+
+using data_custom = tarn_mycustom_data_custom;
+
+std::size_t block_size() {
+    return stats.ncustom_counters * sizeof(data_custom);
+}
+
+/// The slot of a script counter in an attached block.
+char* slot_of(const tarn::attached_block& block, std::size_t at) {
+    return static_cast<char*>(block.get()) + at * sizeof(data_custom);
+}
+
+/// The block's id. One that an earlier run left with another size is replaced. An id of 0 counts as a failure
+/// too.
+int publishing_block() {
+    const int id = tarn::create_block(config.shm_key, block_size());
+    if (id >= 1) return id;
+    std::perror("shmget");
+    tarn::remove_block(config.shm_key);
+    return tarn::create_block(config.shm_key, block_size());
+}
+
+void publish() {
+    const tarn::attached_block block(publishing_block());
+    if (!block) return;
+    for (std::size_t at = 0; at < stats.ncustom_counters; ++at) {
+        const void* const result = stats.custom_counters[at].data_delta;
+        if (result != nullptr) std::memcpy(slot_of(block, at), result, sizeof(data_custom));
+    }
+}
+
+int update_if_due(tarn_mycustom_counter& counter, std::uint64_t iteration) {
+    if (counter.update == nullptr) return 0;
+    auto& data = tarn::data_of<data_custom>(counter);
+    data.updated = 0;
+    data.mustBeUpdated = iteration % static_cast<std::uint64_t>(counter.interval) == 0 ? 1 : 0;
+    return data.mustBeUpdated != 0 ? counter.update(counter) : 0;
+}
+
+/// What the loop carries from one cycle to the next.
+struct loop_state {
+    std::uint64_t iteration = 0;
+    int updatedCount = 0;  ///< scripts that ran successfully in the last cycle
+};
+
+void run_cycle(long now, loop_state& state) {
+    trace("Customs loop iteration at %ld\n", now);
+    if (state.updatedCount != 0 && state.iteration != 0) {
+        if (config.debug != 0) dumpCustomsCounters();
+        publish();
+    }
+    state.updatedCount = updateCustomsCounters(state.iteration);
+    deltaCustomsCounters(state.iteration);
+    trace("Customs loop iteration done at %ld\n", std::time(nullptr));
+    state.iteration = next_iteration(state.iteration);
+}
+
+}  // namespace
+
+void initCustomsCounters(long now) {
+    trace("Init counters CHILD at %ld: ", now);
+    tarn::visit("customs... ", custom_family(), tarn::call<&tarn_mycustom_counter::init>);
+    trace("done\n");
+}
+
+int updateCustomsCounters(std::uint64_t iteration) {
+    trace("Update counters CHILD: customs iteration=%" PRIu64 "...\n", iteration);
+    int updated = 0;
+    tarn::visit("", custom_family(), [&](tarn_mycustom_counter& counter) {
+        // What is left of a cycle that a stop signal interrupts would never be published.
+        if (stop == 0) updated += update_if_due(counter, iteration);
+    });
+    trace("done(isUpdated = %d)\n", updated);
+    return updated;
+}
+
+void deltaCustomsCounters(std::uint64_t iteration) {
+    tarn::visit("Calc delta CHILD: customs... ", custom_family(),
+                tarn::call_delta{config.interval, iteration});
+    trace("done\n");
+}
+
+void dumpCustomsCounters() {
+    tarn::visit("Dump delta CHILD: customs...\n", custom_family(), tarn::call<&tarn_mycustom_counter::dump>);
+    trace("done\n");
+}
+
+void freeCustomsCounters() {
+    tarn::visit("Freeing counters: CHILD customs... ", custom_family(),
+                tarn::call<&tarn_mycustom_counter::free>);
+    trace("done\n");
+}
+
+int customs_loop() {
+    trace("Starting customs loop\n");
+    loop_state state;
+    while (stop == 0) {
+        const long now = std::time(nullptr);
+        if (is_cycle_second(now)) run_cycle(now, state);
+        sleep_one_turn(writer_margin_ms);
+    }
+    trace("Exiting customs loop\n");
+    trace("clear shm\n");
+    clear_shm();
+    return 0;
+}
+
+void clear_shm() {
+    if (stats.ncustom_counters > 0) tarn::remove_block(config.shm_key);
+}
+
+void read_customs_results() {
+    if (stats.ncustom_counters == 0) return;
+    const int id = tarn::find_block(config.shm_key, block_size());
+    if (id < 0) return;
+    const tarn::attached_block block(id);
+    if (!block) return;
+    for (std::size_t at = 0; at < stats.ncustom_counters; ++at) {
+        const tarn_mycustom_counter& counter = stats.custom_counters[at];
+        if (counter.data_delta == nullptr) continue;
+        auto& result = tarn::data_delta_of<data_custom>(counter);
+        std::memcpy(&result, slot_of(block, at), sizeof result);
+        custom_confine(result);
+    }
+}
