@@ -1,0 +1,182 @@
+// The container table: filled from the engine's answers to "/containers/NAME/json", of which State and
+// NetworkSettings.IPAddress are used.
+#include "docker/tarn_docker_core.h"
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+
+#include "record/tarn_config.h"
+#include "record/tarn_trace.h"
+#include "support/tarn_json.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+void docker_log(const char* message) {
+    std::printf("[docker] %s\n", message);
+}
+
+std::atomic_ref<std::uint16_t> shared_count(const tarn_docker& docker) {
+    return std::atomic_ref(docker.shared().count);
+}
+
+/// The configured socket until the statistics process, as it starts, sets the default one.
+std::string_view socket_path(const tarn_docker& docker) {
+    const bool is_default = tarn::text_of(docker.shared().sock_path) == tarn_docker_default_socket;
+    if (is_default || config.docker_sock_path.empty()) return tarn_docker_default_socket;
+    return config.docker_sock_path;
+}
+
+/// Hands what the parent knows of a container to the statistics process. The CPU figure is that one's own.
+void publish(const tarn_docker& docker, std::size_t index) {
+    const tarn_docker_container_t& known = docker.containers[index];
+    tarn_docker_container_t& shared = docker.shared().containers[index];
+    tarn::copy_text(shared.name, known.name);
+    tarn::copy_text(shared.ip, known.ip);
+    shared.running = known.running;
+    shared.state = known.state;
+    shared_count(docker).store(static_cast<std::uint16_t>(docker.containers.size()),
+                               std::memory_order_release);
+}
+
+/// The answer to the inspection of a container; an empty text when there is none.
+std::string inspect(const tarn_docker& docker, std::string_view name) {
+    const auto request = tarn_docker_request("/containers/", name, "/json");
+    if (!request) return {};
+    const tarn::unique_fd sock = tarn_docker_connect(socket_path(docker));
+    if (!sock) return {};
+    return tarn_docker_cmd(sock, *request).value_or("");
+}
+
+/// The state of a container that does not run; the one that it was in when the engine names none.
+tarn_docker_container_state_t state_of(const nx_json& root, tarn_docker_container_state_t before) {
+    struct {
+        const char* path;
+        tarn_docker_container_state_t state;
+    } static constexpr flags[] = {{"State.Dead", TARN_DOCKER_CONT_STATE_DEAD},
+                                  {"State.Paused", TARN_DOCKER_CONT_STATE_PAUSED},
+                                  {"State.OOMKilled", TARN_DOCKER_CONT_STATE_OOMKILLED},
+                                  {"State.Restarting", TARN_DOCKER_CONT_STATE_RESTARTING}};
+    for (const auto& flag : flags) {
+        if (json_get_bool_by_path(root, flag.path) == 1) return flag.state;
+    }
+    return before;
+}
+
+void read_answer(const nx_json& root, tarn_docker_container_t& container, char (&status)[19]) {
+    container.running = json_get_bool_by_path(root, "State.Running") == 1 ? 1 : 0;
+    json_get_str_by_path(root, "State.Status", status, sizeof status);
+    if (std::string_view(status) == "exited") container.state = TARN_DOCKER_CONT_STATE_EXITED;
+    container.state =
+        container.running != 0 ? TARN_DOCKER_CONT_STATE_RUNNING : state_of(root, container.state);
+    json_get_str_by_path(root, "NetworkSettings.IPAddress", container.ip, sizeof container.ip);
+}
+
+}  // namespace
+
+key_t tarn_docker_key() {
+    return static_cast<key_t>(static_cast<unsigned>(config.shm_key) + 1);
+}
+
+int docker_init(tarn_docker*& docker) {
+    static tarn_docker table;
+    const key_t key = tarn_docker_key();
+    if (docker != nullptr && docker->key != key) docker_free(docker);
+    docker = nullptr;
+    const int id = tarn::create_block(key, sizeof(tarn_docker_t));
+    if (id < 0) std::perror("shmget");
+    table = {key, tarn::attached_block(id), {}};
+    if (!table.block) {
+        docker_log("no container table, going on without containers");
+        return 0;
+    }
+    tarn::copy_text(table.shared().sock_path, tarn_docker_default_socket);
+    shared_count(table) = 0;
+    trace("shmget() succeeded key = %d\n", key);
+    docker = &table;
+    return 1;
+}
+
+void docker_set_socket(tarn_docker& docker, std::string_view path) {
+    tarn::copy_text(docker.shared().sock_path, path);
+}
+
+void docker_free(tarn_docker*& docker) {
+    if (docker == nullptr) return;
+    docker->block.remove();
+    *docker = {};
+    docker = nullptr;
+}
+
+int tarn_docker_find_container(const tarn_docker& docker, std::string_view name) {
+    const int length = static_cast<int>(name.size());
+    for (std::size_t at = 0; at < docker.containers.size(); ++at) {
+        if (docker.containers[at].name != name) continue;
+        trace("[docker] Found container '%.*s', index=%zu\n", length, name.data(), at);
+        return static_cast<int>(at);
+    }
+    trace("[docker] Not found container in internal structure '%.*s', adding\n", length, name.data());
+    return -1;
+}
+
+int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
+    if (docker.containers.size() >= tarn_docker_most_containers) {
+        std::printf("[docker] Max containers number reached: %d, cannot allocate one more\n",
+                    tarn_docker_most_containers);
+        return -1;
+    }
+    const std::size_t index = docker.containers.size();
+    tarn_docker_container_t& container = docker.containers.emplace_back();
+    tarn::copy_text(container.name, name);
+    container.state = TARN_DOCKER_CONT_STATE_EXITED;
+    std::atomic_ref(docker.shared().containers[index].cpu_usage) = 0.0;
+    trace("[docker] Added container '%s', index=%zu\n", container.name, index);
+    return static_cast<int>(index);
+}
+
+int tarn_docker_update_info(tarn_docker& docker, std::string_view name) {
+    std::string answer = inspect(docker, name);
+    const std::size_t body = answer.find("{\"");
+    if (body == std::string::npos) return -1;
+    const nx_json_tree root = nx_json_parse_utf8(answer, body);
+    if (!root) return -1;
+
+    int index = tarn_docker_find_container(docker, name);
+    if (index < 0) index = tarn_docker_add_container(docker, name);
+    if (index < 0) return -1;
+    const auto at = static_cast<std::size_t>(index);
+    char status[19] = "";
+    read_answer(*root, docker.containers[at], status);
+    publish(docker, at);
+    trace("[docker] Updated container info for '%s'\n\tindex\t%d\n\tstatus\t'%s'\n\tcpu\t%.2f%%\n",
+          docker.containers[at].name, index, status, tarn_docker_cpu_usage(docker, at));
+    return index;
+}
+
+int tarn_docker_update(tarn_docker* docker) {
+    if (docker == nullptr) return 0;
+    for (const tarn_docker_container_t& container : docker->containers) {
+        tarn_docker_update_info(*docker, container.name);
+    }
+    return 0;
+}
+
+std::optional<std::string_view> tarn_docker_resolve(tarn_docker* docker, std::string_view name) {
+    if (docker == nullptr) return std::nullopt;
+    const int index = tarn_docker_update_info(*docker, name);
+    if (index < 0) return std::nullopt;
+    const tarn_docker_container_t& container = docker->containers[static_cast<std::size_t>(index)];
+    if (container.running == 0 || container.ip[0] == '\0') return std::nullopt;
+    return container.ip;
+}
+
+double tarn_docker_cpu_usage(const tarn_docker& docker, std::size_t index) {
+    return std::atomic_ref(docker.shared().containers[index].cpu_usage).load(std::memory_order_relaxed);
+}
+
+const char* tarn_docker_state_name(int state) {
+    constexpr std::array names{"running", "paused", "restarting", "oomkilled", "dead", "exited"};
+    return state >= 0 && state < static_cast<int>(names.size()) ? names[static_cast<std::size_t>(state)]
+                                                                : "unknown";
+}
