@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// One Apache server, by the machine-readable form of its server-status page.
+struct tarn_mycustom_data_apache {
+    char host[256];     ///< IPv4 address
+    char user[256];     ///< empty when none
+    char pass[256];     ///< empty when none
+    char auth64[1024];  ///< credentials; empty when user or password is
+    std::uint32_t port;
+    int ok;                       ///< the last update succeeded
+    std::uint64_t busyWorkers;    ///< workers serving a request
+    std::uint64_t idleWorkers;    ///< workers waiting for one
+    std::uint64_t scWaiting;      ///< scoreboard cells "W"
+    std::uint64_t scReading;      ///< cells "R"
+    std::uint64_t scKeepalive;    ///< cells "K"
+    std::uint64_t scIdlecleanup;  ///< cells "I"
+    std::uint64_t scDns;          ///< cells "D"
+    std::uint64_t scFinishing;    ///< cells "G"
+    std::uint64_t scClosing;      ///< cells "C"
+    std::uint64_t scLogging;      ///< cells "L"
+    std::uint64_t totalAccesses;  ///< data: accesses; data_delta: accesses per second, a restart wraps
+};
+
+/// Reads the status page, headers and all, into the record; 0, with the record unchanged, for an empty text,
+/// else 1.
+int apache_parse_res(std::string_view raw, tarn_mycustom_data_apache& data);
+
+int apache_init(tarn_mycustom_counter& counter);
+int apache_update(tarn_mycustom_counter& counter);
+int apache_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int apache_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int apache_dump(tarn_mycustom_counter& counter);
+int apache_free(tarn_mycustom_counter& counter);

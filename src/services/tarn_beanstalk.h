@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// One beanstalkd work-queue server. Members marked "rate" are totals in data and changes per minute in
+/// data_delta; a member whose line is missing from a reply keeps its earlier value.
+struct tarn_mycustom_data_beanstalk {
+    char ip[256];  ///< IPv4 address
+    int port;
+    int ok;                     ///< the last update completed
+    std::uint64_t put;          ///< cmd-put, rate
+    std::uint64_t cdelete;      ///< cmd-delete, rate
+    std::uint64_t jobs;         ///< total-jobs, not reported
+    std::uint64_t uptime;       ///< seconds
+    std::uint64_t timeout;      ///< job-timeouts, jobs
+    std::uint64_t connections;  ///< current-connections; the gauge's change per minute is reported
+};
+
+/// Reads the reply to "stats" into the record.
+void beanstalk_parse_stats(std::string_view reply, tarn_mycustom_data_beanstalk& data);
+
+int beanstalk_init1(tarn_mycustom_counter& counter);
+int beanstalk_update(tarn_mycustom_counter& counter);
+int beanstalk_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int beanstalk_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int beanstalk_dump(tarn_mycustom_counter& counter);
+int beanstalk_free(tarn_mycustom_counter& counter);

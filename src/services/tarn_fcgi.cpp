@@ -1,0 +1,164 @@
+// The FastCGI protocol: records of an eight-byte head, content and padding. The client sends three records in
+// one write and reads the answer's records from a buffer of 5000 bytes.
+#include "services/tarn_fcgi.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "record/tarn_config.h"
+
+namespace {
+
+constexpr std::uint8_t protocol_version = 1;
+constexpr std::uint8_t type_begin_request = 1;
+constexpr std::uint8_t type_parameters = 4;
+constexpr std::uint8_t role_responder = 1;
+
+constexpr std::size_t receive_size = 4999;
+/// The largest record that there can be: head, content, padding.
+constexpr std::size_t most_answer = 8 + 65535 + 255;
+
+fcgi_header create_header(std::uint8_t type, std::uint16_t request_id, std::size_t content_len) {
+    fcgi_header header;
+    header.version = protocol_version;
+    header.type = type;
+    header.request_id_hi = static_cast<std::uint8_t>(request_id >> 8U);
+    header.request_id_lo = static_cast<std::uint8_t>(request_id);
+    header.content_len_hi = static_cast<std::uint8_t>(content_len >> 8U);
+    header.content_len_lo = static_cast<std::uint8_t>(content_len);
+    return header;
+}
+
+void append_header(std::string& request, const fcgi_header& header) {
+    std::array<char, sizeof header> bytes{};
+    std::memcpy(bytes.data(), &header, sizeof header);
+    request.append(bytes.data(), bytes.size());
+}
+
+void append_length(std::string& buffer, std::size_t length) {
+    constexpr std::size_t longest_short = 127;
+    for (std::size_t byte = 0; byte < (length <= longest_short ? 1U : 4U); ++byte) {
+        buffer.append(1, static_cast<char>(length >> (8 * byte) & 0xFFU));
+    }
+}
+
+/// Stores one byte of the head and moves on.
+void process_header(char byte, fcgi_record& record) {
+    auto* const bytes = reinterpret_cast<char*>(&record.header);
+    bytes[record.state] = byte;
+    record.state = static_cast<fcgi_state>(record.state + 1);
+}
+
+/// Makes room for the content that the head announces.
+void begin_content(fcgi_record& record) {
+    record.length = record.header.content_len_hi * 256U + record.header.content_len_lo;
+    record.content.assign(record.length, '\0');
+    record.state = fcgi_state_content_proc;
+}
+
+/// Takes content and then padding. A record is complete when its padding has come, too.
+fcgi_progress process_content(std::span<const char>& bytes, fcgi_record& record) {
+    const std::size_t wanted = record.length + record.header.padding_len - record.offset;
+    const std::size_t taken = std::min(bytes.size(), wanted);
+    if (record.offset < record.length) {
+        const std::size_t copied = std::min(taken, record.length - record.offset);
+        std::copy_n(bytes.begin(), copied,
+                    record.content.begin() + static_cast<std::ptrdiff_t>(record.offset));
+    }
+    record.offset += taken;
+    bytes = bytes.subspan(taken);
+    if (taken == wanted) {
+        record.state = fcgi_state_done;
+        return fcgi_progress::complete;
+    }
+    if (record.offset >= record.length) record.state = fcgi_state_padding;
+    return fcgi_progress::incomplete;
+}
+
+bool is_timeout(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+/// Receives once into the buffer; empty at the end of the session.
+std::span<const char> receive(const tarn::unique_fd& socket, std::span<char> buffer) {
+    const ssize_t got = tarn::receive_once(socket, buffer);
+    if (got < 0 && !is_timeout(errno)) {
+        std::perror("recv");
+        std::exit(EXIT_FAILURE);
+    }
+    return buffer.first(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+}
+
+/// Decodes records until nothing more comes. What follows a complete record in the same read is dropped.
+void read_answer(const tarn::unique_fd& socket, const fcgi_use_record& use) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(std::max(config.counter_tcp_to, 1));
+    std::array<char, receive_size> buffer;
+    std::size_t total = 0;
+    fcgi_record record;
+    while (total < most_answer && std::chrono::steady_clock::now() < deadline) {
+        std::span<const char> bytes = receive(socket, buffer);
+        if (bytes.empty()) return;
+        total += bytes.size();
+        if (fcgi_process_record(bytes, record) == fcgi_progress::incomplete) continue;
+        use(record);
+        if (bytes.empty()) return;
+        record = {};
+    }
+}
+
+}  // namespace
+
+std::size_t serialize_name_value(std::string& buffer, const fcgi_name_value& pair) {
+    const std::size_t before = buffer.size();
+    append_length(buffer, pair.name.size());
+    append_length(buffer, pair.value.size());
+    buffer.append(pair.name).append(pair.value);
+    return buffer.size() - before;
+}
+
+std::string fcgi_status_request(std::string_view status_path) {
+    const fcgi_name_value nvs[] = {{"SCRIPT_FILENAME", "/tarn_asking_for_status"},
+                                   {"SCRIPT_NAME", status_path},
+                                   {"REQUEST_URI", status_path},
+                                   {"REQUEST_METHOD", "GET"}};
+    std::string parameters;
+    for (const fcgi_name_value& pair : nvs)
+        serialize_name_value(parameters, pair);
+
+    constexpr std::uint16_t request_id = 1;
+    constexpr std::array<char, 8> begin_body{0, role_responder};  // the server closes behind the answer
+    std::string request;
+    append_header(request, create_header(type_begin_request, request_id, begin_body.size()));
+    request.append(begin_body.data(), begin_body.size());
+    append_header(request, create_header(type_parameters, request_id, parameters.size()));
+    request.append(parameters);
+    append_header(request, create_header(type_parameters, request_id, 0));
+    return request;
+}
+
+fcgi_progress fcgi_process_record(std::span<const char>& bytes, fcgi_record& record) {
+    while (record.state <= fcgi_state_reserved) {
+        if (bytes.empty()) return fcgi_progress::incomplete;
+        process_header(bytes.front(), record);
+        bytes = bytes.subspan(1);
+    }
+    // Even a record without content is not complete as long as its head is the last that has come.
+    if (bytes.empty()) return fcgi_progress::incomplete;
+    if (record.state == fcgi_state_content_begin) begin_content(record);
+    return process_content(bytes, record);
+}
+
+void simple_session_1(const tarn::unique_fd& socket, std::string_view status_path,
+                      const fcgi_use_record& use) {
+    if (tarn::send_once(socket, fcgi_status_request(status_path)) < 0) {
+        std::perror("send");
+        return;
+    }
+    read_answer(socket, use);
+}

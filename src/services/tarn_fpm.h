@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// One PHP-FPM pool, by its status page over FastCGI.
+struct tarn_mycustom_data_fpm {
+    char host[256];         ///< IPv4 address, or "[container]"
+    char socket[256];       ///< Unix socket path; empty for TCP
+    char server[128];       ///< reserved
+    std::uint32_t port;     ///< TCP port; 0 with a socket
+    char status_path[256];  ///< sent as script name and request URI
+    int ok;                 ///< 1 once a record of an answer has been complete; never 0 again
+    int in_docker;          ///< the host names a container
+    char docker_container_name[128];
+    double accepted;             ///< data: connections accepted; data_delta: per second
+    std::uint64_t active;        ///< active processes
+    std::uint64_t idle;          ///< idle processes
+    std::uint64_t total;         ///< processes
+    std::uint64_t lqueue;        ///< size of the listen queue
+    std::uint64_t max_children;  ///< times the process limit was reached
+};
+
+/// Reads the status text, headers and all, into the record; 0, with the record unchanged, for an empty text,
+/// else 1.
+int fpm_parse_res(std::string_view raw, tarn_mycustom_data_fpm& data);
+
+int fpm_init(tarn_mycustom_counter& counter);
+int fpm_update(tarn_mycustom_counter& counter);
+int fpm_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int fpm_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int fpm_dump(tarn_mycustom_counter& counter);
+int fpm_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// One memcached server. Members marked "rate" are totals in data and changes per minute in data_delta; a
+/// member whose line is missing from a reply keeps its earlier value.
+struct tarn_mycustom_data_memcache {
+    char ip[256];      ///< IPv4 address, or "[container]"
+    char socket[256];  ///< Unix socket path; empty for TCP
+    int port;          ///< TCP port; 0 with a socket
+    int ok;            ///< the last update completed
+    int in_docker;     ///< the address names a container
+    char docker_container_name[128];
+    std::uint64_t get;          ///< cmd_get, rate
+    std::uint64_t set;          ///< cmd_set, rate
+    std::uint64_t misses;       ///< get_misses, rate
+    std::uint64_t hits;         ///< get_hits, rate
+    std::uint64_t evictions;    ///< rate
+    std::uint64_t connections;  ///< curr_connections
+    std::uint64_t read;         ///< bytes_read, rate
+    std::uint64_t write;        ///< bytes_written, rate
+    std::uint64_t bytes;        ///< bytes stored
+    std::uint64_t max_bytes;    ///< limit_maxbytes, bytes
+};
+
+/// Reads "HOST:PORT", "HOST:SOCKETPATH" or "[CONTAINER]:PORT" into the counter's id and the record. Returns
+/// 1; 0 for a text without a ":".
+int memcache_parse_conf(tarn_mycustom_counter& counter, tarn_mycustom_data_memcache& data);
+
+/// Reads the reply to "stats" into the record.
+void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data);
+
+int memcache_init1(tarn_mycustom_counter& counter);
+int memcache_update(tarn_mycustom_counter& counter);
+int memcache_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int memcache_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int memcache_dump(tarn_mycustom_counter& counter);
+int memcache_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,235 @@
+// Read from a MySQL server through its client library: global status rows (name, value), InnoDB row counts
+// where the server tells its InnoDB version, and the replication status.
+#include "services/tarn_mysql.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "record/tarn_config.h"
+#include "record/tarn_rates.h"
+#include "services/tarn_mysqlclient.h"
+#include "services/tarn_service.h"
+#include "support/tarn_version.h"
+
+namespace {
+
+using data_mysql = tarn_mycustom_data_mysql;
+
+/// A count of pages, kept as bytes.
+template <auto Member>
+void as_pages(data_mysql& data, std::string_view value) {
+    constexpr unsigned page_bits = 14;
+    data.*Member = tarn::to_number<std::uint64_t>(value) << page_bits;
+}
+
+constexpr const char* status_statement =
+    "SHOW GLOBAL STATUS where Variable_name in ('Com_select','Com_insert','Com_update','Com_delete',"
+    "'Aborted_connects','Innodb_buffer_pool_pages_data','Slow_queries','Innodb_buffer_pool_pages_free')";
+constexpr tarn::reply_row<data_mysql> status_rows[] = {
+    {"Com_insert", tarn::as_number_or_0<&data_mysql::insert>},
+    {"Com_select", tarn::as_number_or_0<&data_mysql::select>},
+    {"Com_update", tarn::as_number_or_0<&data_mysql::update>},
+    {"Com_delete", tarn::as_number_or_0<&data_mysql::delet>},
+    {"Innodb_buffer_pool_pages_data", as_pages<&data_mysql::innodb_pool>},
+    {"Innodb_buffer_pool_pages_free", as_pages<&data_mysql::innodb_free>},
+    {"Slow_queries", tarn::as_number_or_0<&data_mysql::slow>},
+    {"Aborted_connects", tarn::as_number_or_0<&data_mysql::aborted>}};
+
+constexpr const char* innodb_statement =
+    "select * from information_schema.GLOBAL_STATUS where VARIABLE_NAME like 'INNODB_ROWS_%'";
+constexpr tarn::reply_row<data_mysql> innodb_rows[] = {
+    {"INNODB_ROWS_DELETED", tarn::as_number_or_0<&data_mysql::innodb_rows_deleted>},
+    {"INNODB_ROWS_INSERTED", tarn::as_number_or_0<&data_mysql::innodb_rows_inserted>},
+    {"INNODB_ROWS_READ", tarn::as_number_or_0<&data_mysql::innodb_rows_read>},
+    {"INNODB_ROWS_UPDATED", tarn::as_number_or_0<&data_mysql::innodb_rows_updated>}};
+
+/// Columns of the replication status.
+constexpr unsigned slave_io_running = 10;
+constexpr unsigned slave_sql_running = 11;
+constexpr unsigned seconds_behind_master = 32;
+
+constexpr std::uint64_t data_mysql::*rated[] = {&data_mysql::insert,
+                                                &data_mysql::select,
+                                                &data_mysql::update,
+                                                &data_mysql::delet,
+                                                &data_mysql::aborted,
+                                                &data_mysql::slow,
+                                                &data_mysql::innodb_rows_deleted,
+                                                &data_mysql::innodb_rows_inserted,
+                                                &data_mysql::innodb_rows_read,
+                                                &data_mysql::innodb_rows_updated};
+
+void as_running(bson_t& document, const char* key, const data_mysql& data) {
+    if (data.is_slave == 0) return;
+    tarn::append_int64(document, key, data.slave_io != 0 && data.slave_sql != 0 ? 1 : 0);
+}
+
+void as_delay(bson_t& document, const char* key, const data_mysql& data) {
+    if (data.is_slave != 0) tarn::append_int64(document, key, data.slave_delay);
+}
+
+constexpr tarn::bson_row<data_mysql> rows[] = {
+    {"insert", tarn::as_int64<&data_mysql::insert>},
+    {"select", tarn::as_int64<&data_mysql::select>},
+    {"update", tarn::as_int64<&data_mysql::update>},
+    {"delete", tarn::as_int64<&data_mysql::delet>},
+    {"aborted", tarn::as_int64<&data_mysql::aborted>},
+    {"innodb_pool", tarn::as_int64<&data_mysql::innodb_pool>},
+    {"slow", tarn::as_int64<&data_mysql::slow>},
+    {"innodb_free", tarn::as_int64<&data_mysql::innodb_free>},
+    {"innodb_del", tarn::as_int64<&data_mysql::innodb_rows_deleted>},
+    {"innodb_ins", tarn::as_int64<&data_mysql::innodb_rows_inserted>},
+    {"innodb_read", tarn::as_int64<&data_mysql::innodb_rows_read>},
+    {"innodb_updated", tarn::as_int64<&data_mysql::innodb_rows_updated>},
+    {"slave_running", as_running},
+    {"behind_master", as_delay}};
+
+bool is_loaded() {
+    return config.mysql_handle != nullptr;
+}
+
+/// "ID USER:PASSWORD@HOST:PORT", or a socket path in place of the port.
+void mysql_parse_conf(tarn_mycustom_counter& counter, data_mysql& data) {
+    tarn::service_conf conf(counter, ":@");
+    conf.word(counter.id);
+    conf.login(data.user, data.pass);
+    conf.word(data.host);
+    conf.port_or_socket(data.port, data.socket);
+    data.in_docker = tarn::read_container(data.host, data.docker_container_name);
+}
+
+bool connect_path(const tarn::mysql_connection& connection, const data_mysql& data) {
+    if (tarn::mysql_connect(connection, {"localhost", data.user, data.pass, 0, data.socket})) return true;
+    std::fprintf(stderr, "Failed to connect to mysql(%s:%s@%s/%s): Error: %s\n", data.user, "***",
+                 "localhost", data.socket, tarn::mysql_error_text(connection));
+    return false;
+}
+
+bool connect_port(const tarn::mysql_connection& connection, const data_mysql& data) {
+    const auto host = tarn::service_host("mysql", data.in_docker, data.docker_container_name, data.host);
+    if (!host) return false;
+    if (tarn::mysql_connect(connection, {host->c_str(), data.user, data.pass, data.port, nullptr}))
+        return true;
+    std::fprintf(stderr, "Failed to connect to mysql(%s:%s@%s:%d )%s: Error: %s\n", data.user, "***",
+                 data.host, static_cast<int>(data.port), data.in_docker != 0 ? " (using docker)" : "",
+                 tarn::mysql_error_text(connection));
+    return false;
+}
+
+bool connect_mysql(const tarn::mysql_connection& connection, const data_mysql& data) {
+    if (data.socket[0] != '\0') return connect_path(connection, data);
+    if (data.port != 0) return connect_port(connection, data);
+    std::fprintf(stderr, "Failed to connect to mysql(%s:%s@%s:(%d | %s)): Error: %s\n", data.user, "***",
+                 data.host, static_cast<int>(data.port), data.socket, tarn::mysql_error_text(connection));
+    return false;
+}
+
+/// Stores the rows of a statement that yields names and values.
+template <std::size_t Rows>
+void read_named(const tarn::mysql_connection& connection, const char* statement,
+                const tarn::reply_row<data_mysql> (&table)[Rows], data_mysql& data) {
+    tarn::mysql_rows result(connection, statement, 2);
+    while (char** const row = result.next()) {
+        if (row[0] != nullptr) tarn::store_named(row[0], row[1] != nullptr ? row[1] : "", table, data);
+    }
+}
+
+/// The first two numbers of a version text.
+tarn_version_info parse_version(std::string_view text) {
+    int major = 0;
+    int minor = 0;
+    const std::size_t dot = std::min(text.find('.'), text.size());
+    tarn::read_number(text.substr(0, dot), major);
+    if (dot < text.size()) tarn::read_number(text.substr(dot + 1), minor);
+    return {static_cast<unsigned>(major), static_cast<unsigned>(minor)};
+}
+
+/// True when the server tells an InnoDB version from which the row counts are there.
+bool tells_innodb_rows(const tarn::mysql_connection& connection) {
+    constexpr tarn_version_info first{5, 0};
+    tarn::mysql_rows result(connection, "SHOW VARIABLES LIKE 'innodb_version'", 2);
+    bool tells = false;
+    while (char** const row = result.next()) {
+        if (row[1] != nullptr) tells = tells || tarn_version_compare(parse_version(row[1]), first) >= 0;
+    }
+    return tells;
+}
+
+void read_replication(const tarn::mysql_connection& connection, data_mysql& data) {
+    const auto is_yes = [](const char* text) { return text != nullptr && *text == 'Y' ? 1U : 0U; };
+    data.is_slave = 0;
+    tarn::mysql_rows result(connection, "SHOW SLAVE STATUS", seconds_behind_master + 1);
+    while (char** const row = result.next()) {
+        data.is_slave = 1;
+        data.slave_io = is_yes(row[slave_io_running]);
+        data.slave_sql = is_yes(row[slave_sql_running]);
+        const char* const delay = row[seconds_behind_master];
+        if (delay != nullptr) data.slave_delay = static_cast<std::uint32_t>(tarn::to_number<int>(delay));
+    }
+}
+
+bool sample(data_mysql& data) {
+    const tarn::mysql_connection connection = tarn::mysql_prepare();
+    if (!connect_mysql(connection, data)) return false;
+    read_named(connection, status_statement, status_rows, data);
+    if (tells_innodb_rows(connection)) read_named(connection, innodb_statement, innodb_rows, data);
+    read_replication(connection, data);
+    return true;
+}
+
+}  // namespace
+
+int mysql_init1(tarn_mycustom_counter& counter) {
+    if (!is_loaded()) return 0;
+    tarn::allocate_records<data_mysql>(counter);
+    tarn::copy_text(counter.report, "Mysql");
+    auto& data = tarn::data_of<data_mysql>(counter);
+    mysql_parse_conf(counter, data);
+    std::printf("Mysql %s init with %s %s %s %d %s\n", counter.id, data.user, "***", data.host,
+                static_cast<int>(data.port), data.socket);
+    return 1;
+}
+
+int mysql_update(tarn_mycustom_counter& counter) {
+    if (!is_loaded()) return 0;
+    auto& data = tarn::data_of<data_mysql>(counter);
+    data.ok = sample(data) ? 1 : 0;
+    return data.ok;
+}
+
+int mysql_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
+    return is_loaded() ? tarn::delta_per_minute(counter, interval, iteration, rated) : 0;
+}
+
+int mysql_tobson(tarn_mycustom_counter& counter, bson_t& document) {
+    return is_loaded() ? tarn::append_service(counter, document, rows) : 0;
+}
+
+int mysql_dump(tarn_mycustom_counter& counter) {
+    if (!is_loaded()) return 0;
+    const auto& delta = tarn::data_delta_of<data_mysql>(counter);
+    std::printf("MyCustom %s report %s :\n", counter.report, counter.id);
+    std::printf("\tinsert = %" PRIu64 "\n", delta.insert);
+    std::printf("\tselect = %" PRIu64 "\n", delta.select);
+    std::printf("\tupdate = %" PRIu64 "\n", delta.update);
+    std::printf("\tdelet = %" PRIu64 "\n", delta.delet);
+    std::printf("\taborted = %" PRIu64 "\n", delta.aborted);
+    std::printf("\tinnodb_pool = %" PRIu64 "\n", delta.innodb_pool);
+    std::printf("\tinnodb_free= %" PRIu64 "\n", delta.innodb_free);
+    std::printf("\tslow = %" PRIu64 "\n", delta.slow);
+    std::printf("\tinnodb_rows_deleted = %" PRIu64 "\n", delta.innodb_rows_deleted);
+    std::printf("\tinnodb_rows_inserted= %" PRIu64 "\n", delta.innodb_rows_inserted);
+    std::printf("\tinnodb_rows_read = %" PRIu64 "\n", delta.innodb_rows_read);
+    std::printf("\tinnodb_rows_updated = %" PRIu64 "\n", delta.innodb_rows_updated);
+    std::printf("\tis_slave = %u\n", delta.is_slave);
+    if (delta.is_slave == 0) return 1;
+    std::printf("\tslave_sql = %u\n", delta.slave_sql);
+    std::printf("\tslave_io = %u\n", delta.slave_io);
+    std::printf("\tslave_delay = %u\n", delta.slave_delay);
+    return 1;
+}
+
+int mysql_free(tarn_mycustom_counter& counter) {
+    tarn::release_records<data_mysql>(counter);
+    return 1;
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "record/tarn_counter.h"
+
+/// One MySQL server. Members marked "rate" are totals in data and changes per minute in data_delta; a member
+/// whose row does not come back keeps its earlier value.
+struct tarn_mycustom_data_mysql {
+    char user[256];
+    char pass[256];      ///< empty when the line has none
+    char host[256];      ///< address, or "[container]"
+    char socket[256];    ///< Unix socket path; empty when a port is given
+    std::uint32_t port;  ///< TCP port; 0 when a socket is given
+    int ok;              ///< the last update completed
+    int in_docker;       ///< the host names a container
+    char docker_container_name[128];
+    std::uint64_t insert;   ///< Com_insert, rate
+    std::uint64_t select;   ///< Com_select, rate
+    std::uint64_t update;   ///< Com_update, rate
+    std::uint64_t delet;    ///< Com_delete, rate
+    std::uint64_t aborted;  ///< Aborted_connects, rate
+    std::uint64_t
+        innodb_pool;  ///< data in the buffer pool, bytes (pages of 16 KiB, whatever the server's size)
+    std::uint64_t innodb_free;           ///< free in the buffer pool, bytes
+    std::uint64_t slow;                  ///< Slow_queries, rate
+    std::uint64_t innodb_rows_deleted;   ///< rate
+    std::uint64_t innodb_rows_inserted;  ///< rate
+    std::uint64_t innodb_rows_read;      ///< rate
+    std::uint64_t innodb_rows_updated;   ///< rate
+    std::uint8_t is_slave;               ///< the server replicates from another
+    std::uint32_t slave_io;              ///< its I/O thread runs
+    std::uint32_t slave_sql;             ///< its SQL thread runs
+    std::uint32_t slave_delay;           ///< seconds behind the master
+};
+
+int mysql_init1(tarn_mycustom_counter& counter);
+int mysql_update(tarn_mycustom_counter& counter);
+int mysql_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int mysql_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int mysql_dump(tarn_mycustom_counter& counter);
+int mysql_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,119 @@
+#include "services/tarn_mysqlclient.h"
+
+#include <array>
+#include <cstdio>
+
+#include "record/tarn_config.h"
+#include "support/tarn_dynamic_library.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+/// The functions of the library, in the order in which they are looked up.
+struct {
+    st_mysql* (*init)(st_mysql* connection);
+    void (*close)(st_mysql* connection);
+    const char* (*error)(st_mysql* connection);
+    st_mysql* (*real_connect)(st_mysql* connection, const char* host, const char* user, const char* password,
+                              const char* database, unsigned port, const char* socket, unsigned long flags);
+    int (*query)(st_mysql* connection, const char* statement);
+    st_mysql_res* (*store_result)(st_mysql* connection);
+    char** (*fetch_row)(st_mysql_res* result);
+    unsigned (*num_fields)(st_mysql_res* result);
+    void (*free_result)(st_mysql_res* result);
+    int (*options)(st_mysql* connection, int option, const void* value);
+    void (*library_end)();
+} library;
+
+/// Options by their numbers in the library's interface.
+constexpr int opt_connect_timeout = 0;
+constexpr int opt_local_infile = 8;
+constexpr int opt_read_timeout = 11;
+constexpr int opt_write_timeout = 12;
+
+bool look_up_end(void* handle) {
+    // Newer libraries know the function by both names, some only by the older one.
+    using end_function = decltype(library.library_end);
+    void* end = tarn::find_function(handle, "mysql_library_end");
+    if (end == nullptr) end = tarn::find_function(handle, "mysql_server_end");
+    if (end == nullptr) tarn::print_missing("mysql_library/server_end");
+    library.library_end = reinterpret_cast<end_function>(end);
+    return end != nullptr;
+}
+
+bool look_up_all(void* handle) {
+    return tarn::look_up(handle, "mysql_init", library.init) &&
+           tarn::look_up(handle, "mysql_close", library.close) &&
+           tarn::look_up(handle, "mysql_error", library.error) &&
+           tarn::look_up(handle, "mysql_real_connect", library.real_connect) &&
+           tarn::look_up(handle, "mysql_query", library.query) &&
+           tarn::look_up(handle, "mysql_store_result", library.store_result) &&
+           tarn::look_up(handle, "mysql_fetch_row", library.fetch_row) &&
+           tarn::look_up(handle, "mysql_num_fields", library.num_fields) &&
+           tarn::look_up(handle, "mysql_free_result", library.free_result) &&
+           tarn::look_up(handle, "mysql_options", library.options) && look_up_end(handle);
+}
+
+void set_option(st_mysql* connection, int option, int value) {
+    const auto number = static_cast<unsigned>(value);
+    library.options(connection, option, &number);
+}
+
+}  // namespace
+
+int init_mysql_lib() {
+    const std::string path(tarn::text_of(config.mysql_lib));
+    std::printf("libmysqlclient: %s\n", path.c_str());
+    config.mysql_handle = tarn::open_library(path.c_str());
+    return config.mysql_handle != nullptr && look_up_all(config.mysql_handle) ? 1 : 0;
+}
+
+void mysql_library_end_stub() {
+    library.library_end();
+}
+
+namespace tarn {
+
+void mysql_closer::operator()(st_mysql* connection) const {
+    library.close(connection);
+}
+
+mysql_connection mysql_prepare() {
+    mysql_connection connection(library.init(nullptr));
+    if (!connection) return connection;
+    set_option(connection.get(), opt_connect_timeout, config.mysql_connect_to);
+    set_option(connection.get(), opt_write_timeout, config.mysql_write_to);
+    set_option(connection.get(), opt_read_timeout, config.mysql_read_to);
+    set_option(connection.get(), opt_local_infile, 0);
+    return connection;
+}
+
+bool mysql_connect(const mysql_connection& connection, const mysql_address& address) {
+    return connection && library.real_connect(connection.get(), address.host, address.user, address.password,
+                                              nullptr, address.port, address.socket, 0) != nullptr;
+}
+
+const char* mysql_error_text(const mysql_connection& connection) {
+    return connection ? library.error(connection.get()) : "out of memory";
+}
+
+mysql_rows::mysql_rows(const mysql_connection& connection, const char* statement, unsigned columns) {
+    if (library.query(connection.get(), statement) != 0) return;
+    st_mysql_res* const result = library.store_result(connection.get());
+    if (result == nullptr) return;
+    if (library.num_fields(result) < columns) {
+        library.free_result(result);
+        return;
+    }
+    result_ = result;
+}
+
+mysql_rows::~mysql_rows() {
+    if (result_ != nullptr) library.free_result(result_);
+}
+
+char** mysql_rows::next() {
+    return result_ != nullptr ? library.fetch_row(result_) : nullptr;
+}
+
+}  // namespace tarn

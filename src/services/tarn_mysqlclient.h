@@ -1,0 +1,60 @@
+#pragma once
+
+#include <memory>
+
+/// The MySQL client library, loaded at run time: its functions are reached through pointers, and its objects
+/// are never looked into.
+struct st_mysql;
+struct st_mysql_res;
+
+/// Loads the library named by `mysql_lib` into `mysql_handle` and looks its functions up. Returns 1; 0, with
+/// a message on standard error, when the library or one of the functions is missing.
+int init_mysql_lib();
+
+/// Ends the library's own work, before it is closed.
+void mysql_library_end_stub();
+
+namespace tarn {
+
+struct mysql_closer {
+    void operator()(st_mysql* connection) const;
+};
+
+/// Owns a connection object of the library.
+using mysql_connection = std::unique_ptr<st_mysql, mysql_closer>;
+
+/// Where a MySQL server listens, and the login.
+struct mysql_address {
+    const char* host;
+    const char* user;
+    const char* password;
+    unsigned port;
+    const char* socket;  ///< Unix socket path; null for none
+};
+
+/// A connection object with the configured time-outs, which connects only when it is told to. The server may
+/// not ask it for local files.
+mysql_connection mysql_prepare();
+
+/// Connects; false when that fails, mysql_error_text() then says why.
+bool mysql_connect(const mysql_connection& connection, const mysql_address& address);
+
+/// What the library says of the last failure.
+const char* mysql_error_text(const mysql_connection& connection);
+
+/// The rows of one statement. A statement that fails, or whose rows have fewer columns than wanted, has none.
+class mysql_rows final {
+  public:
+    mysql_rows(const mysql_connection& connection, const char* statement, unsigned columns);
+    ~mysql_rows();
+    mysql_rows(const mysql_rows&) = delete;
+    mysql_rows& operator=(const mysql_rows&) = delete;
+
+    /// The next row, an array of texts in which a null stands for SQL's NULL; null behind the last.
+    char** next();
+
+  private:
+    st_mysql_res* result_ = nullptr;
+};
+
+}  // namespace tarn

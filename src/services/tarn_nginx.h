@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string_view>
+
+#include "record/tarn_counter.h"
+
+/// One Nginx server, by its stub status page.
+struct tarn_mycustom_data_nginx {
+    char host[256];     ///< IPv4 address, or "[container]"
+    char user[256];     ///< empty when none
+    char pass[256];     ///< empty when none
+    char server[128];   ///< value of the Host header
+    char auth64[1024];  ///< credentials; empty when user or password is
+    std::uint32_t port;
+    char request_uri[256];  ///< path of the page, one segment, without its leading "/"
+    int ok;                 ///< the last update succeeded
+    int in_docker;          ///< the host names a container
+    char docker_container_name[128];
+    double all;               ///< data: requests served; data_delta: requests per second
+    std::uint64_t active;     ///< active connections
+    std::uint64_t reading;    ///< connections whose request is being read
+    std::uint64_t writing;    ///< connections whose response is being written
+    std::uint64_t keepalive;  ///< idle connections, "Waiting" on the page
+};
+
+/// Reads the status page, headers and all, into the record; 0, with the record unchanged, for an empty text,
+/// else 1.
+int nginx_parse_res(std::string_view raw, tarn_mycustom_data_nginx& data);
+
+int nginx_init(tarn_mycustom_counter& counter);
+int nginx_update(tarn_mycustom_counter& counter);
+int nginx_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int nginx_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int nginx_dump(tarn_mycustom_counter& counter);
+int nginx_free(tarn_mycustom_counter& counter);

@@ -1,0 +1,120 @@
+#include "services/tarn_postgreclient.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "record/tarn_config.h"
+#include "support/tarn_deadline.h"
+#include "support/tarn_dynamic_library.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+constexpr int connection_ok = 0;
+constexpr int tuples_ok = 2;
+
+/// The functions of the library, in the order in which they are looked up.
+struct {
+    pg_conn* (*connectdb)(const char* conninfo);  // required to be there, never called
+    pg_conn* (*setdbLogin)(const char* host, const char* port, const char* options, const char* tty,
+                           const char* database, const char* user, const char* password);
+    int (*status)(const pg_conn* connection);
+    pg_result* (*exec)(pg_conn* connection, const char* statement);
+    char* (*getvalue)(const pg_result* result, int row, int column);
+    int (*resultStatus)(const pg_result* result);
+    int (*ntuples)(const pg_result* result);
+    int (*nfields)(const pg_result* result);
+    char* (*fname)(const pg_result* result, int column);
+    char* (*errorMessage)(const pg_conn* connection);
+    void (*clear)(pg_result* result);
+    void (*finish)(pg_conn* connection);
+    int (*socket)(const pg_conn* connection);  // null where the library does not have it
+} library;
+
+bool look_up_all(void* handle) {
+    using socket_function = decltype(library.socket);
+    library.socket = reinterpret_cast<socket_function>(tarn::find_function(handle, "PQsocket"));
+    return tarn::look_up(handle, "PQconnectdb", library.connectdb) &&
+           tarn::look_up(handle, "PQsetdbLogin", library.setdbLogin) &&
+           tarn::look_up(handle, "PQstatus", library.status) &&
+           tarn::look_up(handle, "PQexec", library.exec) &&
+           tarn::look_up(handle, "PQgetvalue", library.getvalue) &&
+           tarn::look_up(handle, "PQresultStatus", library.resultStatus) &&
+           tarn::look_up(handle, "PQntuples", library.ntuples) &&
+           tarn::look_up(handle, "PQnfields", library.nfields) &&
+           tarn::look_up(handle, "PQfname", library.fname) &&
+           tarn::look_up(handle, "PQerrorMessage", library.errorMessage) &&
+           tarn::look_up(handle, "PQclear", library.clear) &&
+           tarn::look_up(handle, "PQfinish", library.finish);
+}
+
+std::string_view view_of(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+int init_postgre_lib() {
+    const std::string path(tarn::text_of(config.postgre_lib));
+    std::printf("libpq: %s\n", path.c_str());
+    ::setenv("PGCONNECT_TIMEOUT", std::to_string(config.counter_tcp_to).c_str(), 0);
+    config.postgre_handle = tarn::open_library(path.c_str());
+    return config.postgre_handle != nullptr && look_up_all(config.postgre_handle) ? 1 : 0;
+}
+
+namespace tarn {
+
+void postgre_finisher::operator()(pg_conn* connection) const {
+    library.finish(connection);
+}
+
+postgre_connection postgre_log_in(const char* host, const char* port, const char* user,
+                                  const char* password) {
+    return postgre_connection(library.setdbLogin(host, port, nullptr, nullptr, "postgres", user, password));
+}
+
+bool postgre_is_connected(const postgre_connection& connection) {
+    return connection && library.status(connection.get()) == connection_ok;
+}
+
+const char* postgre_error_text(const postgre_connection& connection) {
+    return connection ? library.errorMessage(connection.get()) : "out of memory";
+}
+
+postgre_answer::postgre_answer(const postgre_connection& connection, const char* statement) {
+    const int socket = library.socket != nullptr ? library.socket(connection.get()) : -1;
+    const socket_deadline deadline(socket, config.counter_tcp_to);
+    result_ = library.exec(connection.get(), statement);
+}
+
+postgre_answer::~postgre_answer() {
+    if (result_ != nullptr) library.clear(result_);
+}
+
+postgre_answer::operator bool() const {
+    return library.resultStatus(result_) == tuples_ok;
+}
+
+int postgre_answer::rows() const {
+    return library.ntuples(result_);
+}
+
+int postgre_answer::columns() const {
+    return library.nfields(result_);
+}
+
+std::string_view postgre_answer::name(int column) const {
+    return view_of(library.fname(result_, column));
+}
+
+std::string_view postgre_answer::text(int row, int column) const {
+    const bool is_there = row < rows() && column < columns();
+    return is_there ? view_of(library.getvalue(result_, row, column)) : std::string_view();
+}
+
+std::uint64_t postgre_answer::number(int row, int column) const {
+    return static_cast<std::uint64_t>(to_number<std::int64_t>(text(row, column)));
+}
+
+}  // namespace tarn

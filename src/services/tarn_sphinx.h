@@ -1,0 +1,26 @@
+#pragma once
+
+#include "record/tarn_counter.h"
+
+/// One Sphinx search daemon, through its MySQL-protocol listener. All figures are totals in data and changes
+/// per minute in data_delta.
+struct tarn_mycustom_data_sphinx {
+    char user[256];
+    char pass[256];  ///< empty when the line has none
+    char host[256];
+    std::uint32_t port;
+    int ok;             ///< the last update completed; 1 from init on
+    std::uint64_t C;    ///< connections
+    std::uint64_t C_S;  ///< search commands
+    std::uint64_t C_U;  ///< update commands
+    std::uint64_t Q;    ///< queries
+    double Q_W;         ///< wall time of the queries, seconds
+};
+
+int sphinx_init(tarn_mycustom_counter& counter);
+int sphinx_reinit(tarn_mycustom_counter& counter);
+int sphinx_update(tarn_mycustom_counter& counter);
+int sphinx_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
+int sphinx_tobson(tarn_mycustom_counter& counter, bson_t& document);
+int sphinx_dump(tarn_mycustom_counter& counter);
+int sphinx_free(tarn_mycustom_counter& counter);
