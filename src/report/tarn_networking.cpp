@@ -1,0 +1,153 @@
+#include "report/tarn_networking.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <udns.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "record/tarn_config.h"
+#include "record/tarn_trace.h"
+#include "report/tarn_collector.h"
+#include "report/tarn_sign.h"
+#include "support/tarn_streams.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+/// Index of the name server to ask next.
+int dns_rr_counter = 0;
+
+/// The packet of the report under way; its buffer is kept from report to report.
+std::vector<std::uint8_t> packet;
+
+using dns_answer = std::unique_ptr<dns_rr_a4, tarn::closer<std::free>>;
+
+const char* collector_text() {
+    return config.serverIp[0] != '\0' ? config.serverIp : config.defaultServerIp;
+}
+
+/// A text that does not parse leaves the destination at 0.0.0.0.
+in_addr collector_address() {
+    return tarn::parse_ipv4(collector_text()).value_or(in_addr{});
+}
+
+std::span<const char[256]> name_servers() {
+    const bool built_in =
+        config.dns_servers_count == 0 && endsWith(tarn::text_of(config.serverName), default_domain) != 0;
+    if (built_in) return dns_servers_hard;
+    return {config.dns_servers, static_cast<std::size_t>(config.dns_servers_count)};
+}
+
+void resolve_locally() {
+    trace("Updating server ip via local dns... ");
+    hostname_to_ip(config.serverName, config.serverIp);
+    trace("%s ... done \n", config.serverIp);
+}
+
+/// Asks one name server, given by its address, for the collector's.
+void ask_server(const char* server_ip) {
+    dns_reset(nullptr);
+    dns_add_serv(nullptr, server_ip);
+    dns_open(nullptr);
+    const dns_answer answer(dns_resolve_a4(nullptr, config.serverName, 0));
+    if (!answer) {
+        std::printf("error 2");
+    } else if (answer->dnsa4_nrr < 1) {
+        std::printf("error 1");
+    } else {
+        tarn::copy_text(config.serverIp, tarn::ipv4_text(answer->dnsa4_addr[0]));
+        trace("%s", config.serverIp);
+    }
+    dns_close(nullptr);
+}
+
+}  // namespace
+
+int endsWith(std::string_view text, std::string_view suffix) {
+    return text.ends_with(suffix) ? 1 : 0;
+}
+
+int hostname_to_ip(const char* name, char (&text)[17]) {
+    const hostent* const host = ::gethostbyname(name);
+    if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) return 1;
+    in_addr address{};
+    std::copy_n(host->h_addr_list[0], sizeof address, reinterpret_cast<char*>(&address));
+    tarn::copy_text(text, tarn::ipv4_text(address));
+    return 0;
+}
+
+void update_ip() {
+    if (config.serverName[0] == '\0') return;
+    const auto servers = name_servers();
+    if (servers.empty()) {
+        resolve_locally();
+        return;
+    }
+
+    const char* const server = servers[static_cast<std::size_t>(dns_rr_counter)];
+    trace("Updating server ip via %s... ", server);
+    char server_ip[17] = "";
+    if (hostname_to_ip(server, server_ip) == 0) {
+        ask_server(server_ip);
+    } else {
+        std::printf("error 3");
+    }
+    dns_rr_counter = (dns_rr_counter + 1) % static_cast<int>(servers.size());
+    trace(" ... done \n");
+}
+
+void send_data_tcp(std::span<const std::uint8_t> document) {
+    const tarn::stream connection = tarn::connect_tcp(collector_address(), config.port, config.server_tcp_to);
+    if (connection.failed == tarn::stream_step::connect) {
+        std::printf("could not bind socket or connect whatever (%s) %d %d\n", collector_text(), -1,
+                    connection.error);
+        return;
+    }
+    if (!connection.socket) {
+        std::printf("setsockopt failed\n");
+        return;
+    }
+
+    sign(document, packet);
+    trace("Sending via TCP to %s:%d ...", collector_text(), config.port);
+    const ssize_t sent = tarn::send_once(connection.socket, std::as_bytes(std::span(packet)));
+    if (sent < 0 || static_cast<std::size_t>(sent) < packet.size()) {
+        // A short write is one whose time ran out.
+        std::printf("sending via tcp FAILED %d\n", sent < 0 ? errno : ETIMEDOUT);
+    } else {
+        trace("DONE\n");
+    }
+}
+
+void send_data_udp(std::span<const std::uint8_t> document) {
+    const tarn::unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+    sockaddr_in collector{};
+    collector.sin_family = AF_INET;
+    collector.sin_port = htons(static_cast<std::uint16_t>(config.port));
+    collector.sin_addr = collector_address();
+
+    sign(document, packet);
+    trace("sending via UDP to %s:%d ...", collector_text(), config.port);
+    if (::sendto(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&collector), sizeof collector) < 0) {
+        std::printf("sending via udp FAILED %d\n", errno);
+    } else {
+        trace("DONE\n");
+    }
+}
+
+void send_data(std::span<const std::uint8_t> document) {
+    update_ip();
+    if (config.proto == IPPROTO_TCP) {
+        send_data_tcp(document);
+    } else {
+        send_data_udp(document);
+    }
+}
