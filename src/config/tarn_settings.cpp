@@ -1,0 +1,135 @@
+// The keys that set a field of the configuration record, one row each.
+#include <netinet/in.h>
+
+#include <cstdio>
+
+#include "config/tarn_config_files.h"
+#include "config/tarn_settings.h"
+#include "docker/tarn_docker_core.h"
+#include "record/tarn_config.h"
+#include "support/tarn_text.h"
+
+namespace {
+
+using apply = line_result (*)(const config_line& line);
+
+/// A base-10 number that stops at the first non-digit; 0 for a text without digits.
+template <auto Field>
+line_result number(const config_line& line) {
+    using Value = std::remove_reference_t<decltype(config.*Field)>;
+    config.*Field = static_cast<Value>(tarn::to_number<std::int64_t>(line.value));
+    return line_result::taken;
+}
+
+/// A text of at most one character less than its field holds, terminated.
+template <auto Field>
+line_result text(const config_line& line) {
+    tarn::copy_text(config.*Field, line.value);
+    return line_result::taken;
+}
+
+/// A text that may fill its field to the last character.
+template <auto Field>
+line_result whole_text(const config_line& line) {
+    tarn::fill_text(config.*Field, line.value);
+    return line_result::taken;
+}
+
+/// One more text of a list; what a full list cannot hold is dropped.
+template <auto List, auto Count>
+line_result one_more(const config_line& line) {
+    if (config.*Count < static_cast<int>(std::size(config.*List))) {
+        tarn::copy_text((config.*List)[config.*Count], line.value);
+        ++(config.*Count);
+    }
+    return line_result::taken;
+}
+
+/// Makes the container table of a server that is known now. Only showing the configuration must not touch the
+/// table of an agent that may be running.
+void start_docker() {
+    if (config.showconfigonly != 0) return;
+    docker_init(config.docker);
+    if (config.docker != nullptr && !config.docker_sock_path.empty()) {
+        docker_set_socket(*config.docker, config.docker_sock_path);
+    }
+}
+
+line_result server_id(const config_line& line) {
+    number<&tarn_config::id>(line);
+    config.shm_key = static_cast<key_t>(config.id);
+    start_docker();
+    return line_result::taken;
+}
+
+line_result server_uuid(const config_line& line) {
+    tarn::copy_text(config.uuid, line.value);
+    if (parse_uuid(config.uuid, config.shm_key) == 0) {
+        std::printf("ERROR: UUID must be in aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee format\n");
+        return line_result::malformed;
+    }
+    start_docker();
+    return line_result::taken;
+}
+
+line_result transport(const config_line& line) {
+    if (line.value == "tcp") config.proto = IPPROTO_TCP;
+    return line_result::taken;
+}
+
+/// The path is the rest of the line behind one separator, so that it may hold blanks.
+line_result docker_socket(const config_line& line) {
+    config.docker_sock_path = tarn::remove_newline_ch(line.after(line.key.size() + 1));
+    if (config.docker != nullptr) docker_set_socket(*config.docker, config.docker_sock_path);
+    std::printf("Docker socket '%s'\n", config.docker_sock_path.c_str());
+    return line_result::taken;
+}
+
+struct setting {
+    std::string_view word;
+    key_match match;
+    apply use;
+};
+
+/// The first row that matches takes the line.
+constexpr setting settings[] = {
+    {"id", key_match::exact, server_id},
+    {"uuid", key_match::exact, server_uuid},
+    {"server_name", key_match::exact, text<&tarn_config::server_name>},
+    {"project_name", key_match::exact, text<&tarn_config::project_name>},
+    {"project_secret", key_match::exact, text<&tarn_config::project_secret>},
+    {"proto", key_match::exact, transport},
+    {"address", key_match::exact, text<&tarn_config::defaultServerIp>},
+    {"domain", key_match::exact, text<&tarn_config::serverName>},
+    {"interval", key_match::exact, number<&tarn_config::interval>},
+    {"port", key_match::exact, number<&tarn_config::port>},
+    {"nameserver", key_match::exact, one_more<&tarn_config::dns_servers, &tarn_config::dns_servers_count>},
+    {"secret", key_match::exact, whole_text<&tarn_config::secret>},
+    {"mysql_connect_to", key_match::exact, number<&tarn_config::mysql_connect_to>},
+    {"mysql_read_to", key_match::exact, number<&tarn_config::mysql_read_to>},
+    {"mysql_write_to", key_match::exact, number<&tarn_config::mysql_write_to>},
+    {"server_tcp_to", key_match::exact, number<&tarn_config::server_tcp_to>},
+    {"counter_tcp_to", key_match::exact, number<&tarn_config::counter_tcp_to>},
+    {"slow_query_sec", key_match::exact, whole_text<&tarn_config::slow_query_sec>},
+    {"custom_counters_delimiter", key_match::prefix, number<&tarn_config::custom_counters_delimiter>},
+    {"custom_uid", key_match::prefix, number<&tarn_config::custom_default_uid>},
+    {"custom_gid", key_match::prefix, number<&tarn_config::custom_default_gid>},
+    {"mysql_lib", key_match::exact, whole_text<&tarn_config::mysql_lib>},
+    {"slashedApache", key_match::exact, number<&tarn_config::apacheSlashed>},
+    {"postgre_lib", key_match::exact, whole_text<&tarn_config::postgre_lib>},
+    {"docker_sock", key_match::exact, docker_socket},
+    {"exclude_tmpfs", key_match::exact, number<&tarn_config::exclude_tmpfs>},
+    {"exclude_mount", key_match::exact,
+     one_more<&tarn_config::path_exclude_masks, &tarn_config::path_exclude_masks_count>},
+    {"exclude_interfaces", key_match::exact,
+     one_more<&tarn_config::interface_exclude_masks, &tarn_config::interface_exclude_masks_count>},
+};
+
+}  // namespace
+
+line_result apply_setting(const config_line& line) {
+    for (const setting& row : settings) {
+        if (matches(line.key, row.word, row.match)) return row.use(line);
+    }
+    return line_result::unknown;
+}
