@@ -1,0 +1,152 @@
+#include "core/tarn_core.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "docker/tarn_docker_core.h"
+#include "host/tarn_cpu.h"
+#include "host/tarn_disk.h"
+#include "host/tarn_mem.h"
+#include "host/tarn_mount.h"
+#include "host/tarn_net.h"
+#include "host/tarn_os.h"
+#include "host/tarn_socket.h"
+#include "record/tarn_config.h"
+#include "record/tarn_counter.h"
+#include "record/tarn_trace.h"
+#include "record/tarn_turn.h"
+#include "record/tarn_walk.h"
+#include "report/tarn_bson.h"
+#include "report/tarn_networking.h"
+#include "scripts/tarn_customs_core.h"
+
+namespace {
+
+/// The parent samples two seconds after the script process, whose results are then there to be read.
+constexpr long parent_lag = 2;
+
+}  // namespace
+
+void setCoreCounters() {
+    trace("set core counters... ");
+    const auto bind = [](tarn_core_slot slot, const tarn_operations& operations) {
+        mycustom_set(stats.core_counters[slot], {}, operations);
+    };
+    bind(core_os, {os_init, nullptr, os_update, nullptr, os_tobson, os_dump, os_free});
+    bind(core_mem, {mem_init, nullptr, mem_update, mem_delta, mem_tobson, mem_dump, mem_free});
+    bind(core_cpu, {cpu_init, nullptr, cpu_update, cpu_delta, cpu_tobson, cpu_dump, cpu_free});
+    bind(core_socket,
+         {socket_init, nullptr, socket_update, nullptr, socket_tobson, socket_dump, socket_free});
+    bind(core_mount, {mount_init, nullptr, mount_update, nullptr, mount_tobson, mount_dump, mount_free});
+    bind(core_disk, {disk_init, nullptr, disk_update, disk_delta, disk_tobson, disk_dump, disk_free});
+    bind(core_net, {net_init, nullptr, net_update, net_delta, net_tobson, net_dump, net_free});
+    stats.ncore_counters = core_slots;
+    trace("done\n");
+}
+
+void initCounters(long now) {
+    constexpr auto init = tarn::call<&tarn_mycustom_counter::init>;
+    trace("Init counters parent at %ld: ", now);
+    tarn::visit("customs... ", custom_family(), init);
+    tarn::visit("done, core... ", core_family(), init);
+    trace("done, mysqls... ");
+    if (config.mysql_handle != nullptr) {
+        tarn::visit("", mysql_family(), init);
+    } else {
+        trace("none(no mysql_handle)... ");
+    }
+    tarn::visit("done, mycustoms... ", mycustom_family(), init);
+    tarn::visit("done, memcaches... ", memcache_family(), init);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), init);
+    tarn::visit("done, redises... ", redis_family(), init);
+    trace("done\n");
+}
+
+void reinitCounters(long now) {
+    constexpr auto reinit = tarn::call<&tarn_mycustom_counter::reinit>;
+    trace("Reinit counters at %ld: ", now);
+    tarn::visit("core... ", core_family(), reinit);
+    tarn::visit("done, mysqls... ", mysql_family(), reinit);
+    tarn::visit("done, mycustoms... ", mycustom_family(), reinit);
+    tarn::visit("done, memcaches... ", memcache_family(), reinit);
+    tarn::visit("done, beanstalkss... ", beanstalk_family(), reinit);
+    tarn::visit("done, redises... ", redis_family(), reinit);
+    trace("done\n");
+}
+
+void updateCounters() {
+    constexpr auto update = tarn::call<&tarn_mycustom_counter::update>;
+    tarn_docker_update(config.docker);
+    tarn::visit("update: core... ", core_family(), update);
+    tarn::visit("done, mysqls... ", mysql_family(), update);
+    tarn::visit("done, memcaches... ", memcache_family(), update);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), update);
+    tarn::visit("done, redises... ", redis_family(), update);
+    tarn::visit("done, mycustoms... ", mycustom_family(), update);
+    trace("done, customs PARENT... %ld", std::time(nullptr));
+    read_customs_results();
+    trace("done\n");
+}
+
+void deltaCounters(std::uint64_t iteration) {
+    const tarn::call_delta delta{config.interval, iteration};
+    tarn::visit("Calc delta: core... ", core_family(), delta);
+    tarn::visit("done, mysqls... ", mysql_family(), delta);
+    tarn::visit("done, mycustoms... ", mycustom_family(), delta);
+    tarn::visit("done, memcaches... ", memcache_family(), delta);
+    tarn::visit("done, beanstalkss... ", beanstalk_family(), delta);
+    tarn::visit("done, redises... ", redis_family(), delta);
+    trace("done\n");
+}
+
+void dumpCounters() {
+    constexpr auto dump = tarn::call<&tarn_mycustom_counter::dump>;
+    tarn::visit("Dump delta: core...\n", core_family(), dump);
+    tarn::visit("done, mysqls... ", mysql_family(), dump);
+    tarn::visit("done, customs...\n", custom_family(), dump);
+    tarn::visit("done, mycustoms...\n", mycustom_family(), [](tarn_mycustom_counter& counter) {
+        if (counter.delta != nullptr) counter.dump(counter);
+    });
+    tarn::visit("done, memcaches... ", memcache_family(), dump);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), dump);
+    tarn::visit("done, redises... ", redis_family(), dump);
+    trace("done\n");
+}
+
+void freeCounters() {
+    constexpr auto free = tarn::call<&tarn_mycustom_counter::free>;
+    tarn::visit("Freeing counters: core... ", core_family(), free);
+    tarn::visit("done, mysqls... ", mysql_family(), free);
+    tarn::visit("done, PARENT customs... ", custom_family(), free);
+    tarn::visit("done, mycustoms... ", mycustom_family(), free);
+    tarn::visit("done, memcaches... ", memcache_family(), free);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), free);
+    tarn::visit("done, redises... ", redis_family(), free);
+    trace("done\n");
+}
+
+std::uint64_t run_cycle(long t, std::uint64_t iteration) {
+    trace("Main loop iteration at %ld\n", t);
+    if (t % 60 == 0) reinitCounters(t);
+    updateCounters();
+    deltaCounters(iteration);
+    if (config.debug != 0) dumpCounters();
+    if (iteration == 0) return 1;
+
+    const auto report = stats_to_bson();
+    if (config.debug != 0) print_report(report, 3);
+    send_data(report);
+    return next_iteration(iteration);
+}
+
+int main_loop() {
+    trace("Starting main loop\n");
+    std::uint64_t iteration = 0;
+    while (stop == 0) {
+        const long t = std::time(nullptr) - parent_lag;
+        if (is_cycle_second(t)) iteration = run_cycle(t, iteration);
+        sleep_one_turn(reader_margin_ms);
+    }
+    trace("Exiting main loop\n");
+    return 0;
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+
+/// Binds the seven host counters to their slots.
+void setCoreCounters();
+
+/// The walkers: each calls one operation of every counter, family by family, in an order of its own. `now`,
+/// in seconds, is only printed, in debug mode.
+void initCounters(long now);
+void reinitCounters(long now);
+void updateCounters();
+void deltaCounters(std::uint64_t iteration);
+void dumpCounters();
+void freeCounters();
+
+/// One cycle at second `t`: samples every counter and, unless `iteration` is 0, builds and sends a report.
+/// The first cycle only takes the baseline. Returns the number of the next cycle, which is 0 again after
+/// 1163962800.
+std::uint64_t run_cycle(long t, std::uint64_t iteration);
+
+/// Runs a cycle on every matching second until the stop flag is set. Returns 0.
+int main_loop();

@@ -1,0 +1,245 @@
+// Entry and life of the agent's process: configuration, pid file, signals, the parent's start and end.
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "config/tarn_config_files.h"
+#include "config/tarn_options.h"
+#include "core/tarn_core.h"
+#include "docker/tarn_docker_core.h"
+#include "docker/tarn_docker_loop.h"
+#include "record/tarn_config.h"
+#include "record/tarn_counter.h"
+#include "record/tarn_trace.h"
+#include "record/tarn_turn.h"
+#include "scripts/tarn_customs_core.h"
+#include "services/tarn_mysqlclient.h"
+#include "services/tarn_postgreclient.h"
+#include "support/tarn_dynamic_library.h"
+#include "support/tarn_files.h"
+#include "support/tarn_text.h"
+#include "support/tarn_version.h"
+
+namespace {
+
+constexpr const char* pid_path = "/var/run/tarn.pid";
+
+void on_kill(int /*signum*/) {
+    stop = 1;
+}
+
+/// Gives a standard stream that the agent was started without a place to go to: a file opened later must not
+/// take its number and be written into.
+void open_standard_streams() {
+    int fd = STDIN_FILENO;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = ::open("/dev/null", O_RDWR);  // NOLINT(*-cloexec-open)
+    if (fd > STDERR_FILENO) ::close(fd);
+}
+
+/// Writes the process id, without a line feed. A file that cannot be created is not missed.
+void pid_create() {
+    const tarn::unique_fd file(::open(pid_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                      S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
+    if (file) ::dprintf(file.get(), "%u", static_cast<unsigned>(::getpid()));
+}
+
+void pid_remove() {
+    ::unlink(pid_path);
+}
+
+void catch_signal(int signum, unsigned flags) {
+    struct sigaction action {};
+    action.sa_handler = on_kill;
+    action.sa_flags = static_cast<int>(flags);
+    ::sigaction(signum, &action, nullptr);
+}
+
+/// A stop signal is caught once; a second one of its kind ends the process at once.
+void install_signals() {
+    for (const int signum : {SIGTERM, SIGABRT, SIGINT})
+        catch_signal(signum, SA_RESETHAND | SA_NODEFER);
+}
+
+/// Draws the second of the interval at which this agent reports, so that agents started together spread out.
+void draw_second() {
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    config.randomsecond = static_cast<int>(static_cast<unsigned>(std::rand()) % config.interval);
+}
+
+/// The month counts from 0.
+void print_banner() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    std::printf("[%d-%02d-%02d %02d:%02d:%02d %s] tarn v%s started\n", local.tm_year + 1900, local.tm_mon,
+                local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, ::tzname[0], tarn_version);
+}
+
+void free_config() {
+    for (std::size_t at = 0; at < config.extConfigFiles.size(); ++at) {
+        std::printf("Freeing [%zu] %s\n", at, config.extConfigFiles[at].c_str());
+    }
+    config.extConfigFiles.clear();
+    config.docker_sock_path.clear();
+}
+
+/// The table goes with the parent, so that a clean stop never leaves its block behind, whatever became of the
+/// statistics process.
+void free_docker() {
+    if (config.docker != nullptr && !config.docker->containers.empty()) {
+        trace("Freeing docker-related structures\n");
+    }
+    docker_free(config.docker);
+}
+
+/// Waits for a child that has been told to stop, but not for long: it may be in the middle of something.
+void await_end(pid_t pid) {
+    constexpr timespec step{0, 10'000'000};
+    for (int turn = 0; turn < 100 && ::waitpid(pid, nullptr, WNOHANG) == 0; ++turn)
+        ::nanosleep(&step, nullptr);
+}
+
+/// A library that opened but lacks a function counts as absent, like one that did not open.
+void load_libraries() {
+    if (config.mysql_on != 0) {
+        std::printf("Mysql is on\n");
+        const std::string path(tarn::text_of(config.mysql_lib));
+        if (init_mysql_lib() != 0) {
+            std::printf("Mysql found and loaded = %s\n", path.c_str());
+        } else {
+            std::printf("ERROR loading mysql = %s\n", path.c_str());
+            if (config.mysql_handle != nullptr) std::printf("Closing libmysql\n");
+            tarn::close_library(config.mysql_handle);
+        }
+    }
+    if (config.postgre_on != 0) {
+        std::printf("Postrgre is on\n");
+        const std::string path(tarn::text_of(config.postgre_lib));
+        if (init_postgre_lib() != 0) {
+            std::printf("Postgre found and loaded = %s\n", path.c_str());
+        } else {
+            std::printf("Error loading postgre = %s\n", path.c_str());
+            if (config.postgre_handle != nullptr) std::printf("Closing libpostgre\n");
+            tarn::close_library(config.postgre_handle);
+        }
+    }
+}
+
+void close_libraries() {
+    if (config.mysql_handle != nullptr) {
+        std::printf("Closing libmysql\n");
+        mysql_library_end_stub();
+        tarn::close_library(config.mysql_handle);
+    }
+    if (config.postgre_handle != nullptr) {
+        std::printf("Closing libpq\n");
+        tarn::close_library(config.postgre_handle);
+    }
+}
+
+/// Runs the process that samples and reports, to its end. `pid` is the child to stop then, 0 for none.
+void parentThread(pid_t pid) {
+    load_libraries();
+    setCoreCounters();
+    initCounters(std::time(nullptr));
+    main_loop();
+    freeCounters();
+    if (pid != 0) {
+        std::printf("Killing child...\n");
+        ::kill(pid, SIGTERM);
+        await_end(pid);
+    }
+    close_libraries();
+    free_docker();
+    free_config();
+    trace("removing pid\n");
+    pid_remove();
+}
+
+/// Runs the process that runs the scripts, to its end.
+void childThread() {
+    // A stop signal to the whole group comes to this process twice, the second time from the parent; and a
+    // parent that dies without a word must not leave it behind.
+    catch_signal(SIGTERM, 0);
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    initCustomsCounters(std::time(nullptr));
+    ::sleep(1);
+    customs_loop();
+    freeCustomsCounters();
+}
+
+/// Splits off the script process. Returns the exit status.
+int run_with_scripts() {
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        std::printf("ERROR: Can't fork\n");
+        trace("removing pid\n");
+        pid_remove();
+        return EXIT_FAILURE;
+    }
+    if (pid == 0) {
+        childThread();
+    } else {
+        parentThread(pid);
+    }
+    return EXIT_SUCCESS;
+}
+
+/// Splits off the process that follows the containers. Returns the exit status.
+int run_with_docker() {
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        std::printf("Can't fork docker child\n");
+        return EXIT_SUCCESS;
+    }
+    if (pid == 0) {
+        dockerThread();
+        return EXIT_SUCCESS;
+    }
+    // That process ends when it likes, and nobody asks for its status.
+    std::signal(SIGCHLD, SIG_IGN);
+    std::printf("Successfully forked docker child pid = %d\n", pid);
+    parentThread(0);
+    return EXIT_SUCCESS;
+}
+
+/// Ends a start that failed: nothing that the configuration made is left behind.
+int refuse_start(const char* message) {
+    std::printf("%s\n", message);
+    docker_free(config.docker);
+    return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    open_standard_streams();
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // A reader of the messages that goes away must not take the agent with it.
+    std::signal(SIGPIPE, SIG_IGN);
+    if (::getuid() != 0) {
+        std::printf("ERROR: you must be root!\n");
+        return EXIT_FAILURE;
+    }
+    init_config();
+    parse_options(argc, argv);
+    if (parse_config() != 0) return refuse_start("ERROR: bad config!");
+    if (config.interval == 0) return refuse_start("ERROR: interval must be at least 1 second!");
+    draw_second();
+    print_banner();
+    if (config.showconfigonly != 0 || config.debug != 0) print_config();
+    if (config.showconfigonly != 0) return EXIT_SUCCESS;
+    pid_create();
+    install_signals();
+    return stats.ncustom_counters > 0 ? run_with_scripts() : run_with_docker();
+}
