@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+/// Largest packet that is taken: far beyond the report of a host with a thousand devices.
+inline constexpr std::size_t largest_packet = std::size_t{4} * 1024 * 1024;
+
+/// What became of a packet.
+struct received_packet {
+    std::span<const std::uint8_t> document;  ///< the BSON document; empty when the packet is bad
+    bool is_signed = false;                  ///< 40 characters of signature follow the document
+    std::string fault;                       ///< what is wrong, in a few words; empty when the packet is good
+};
+
+/// Checks one packet: the document's own length must account for every byte, the document must be valid BSON,
+/// and with a secret it must bear the right signature. Without a secret a signature is taken unseen.
+received_packet check_packet(std::span<const std::uint8_t> packet, std::string_view secret);
