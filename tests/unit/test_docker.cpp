@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "docker/tarn_docker_core.h"
+#include "docker/tarn_docker_loop.h"
+#include "record/tarn_config.h"
+#include "support/tarn_json_framer.h"
+
+namespace {
+
+const std::string message =
+    R"({"read":"x","cpu_stats":{"cpu_usage":{"total_usage":3000000000},"system_cpu_usage":90000000000,"online_cpus":9},)"
+    R"("precpu_stats":{"cpu_usage":{"total_usage":2500000000},"system_cpu_usage":88000000000,"online_cpus":2}})";
+
+}  // namespace
+
+TEST(Docker, StatisticsAreReadFromTheFirstObject) {
+    docker_stats_t stats;
+    parse_response("HTTP/1.0 200 OK\r\n\r\n" + message + "\n", stats);
+    EXPECT_EQ(stats.ok, 1);
+    EXPECT_EQ(stats.ncpu, 2);
+    EXPECT_DOUBLE_EQ(docker_cpu_percent(stats), 50.0);  // 0.5 s of the 2 s of two CPUs
+    parse_response("no object", stats);
+    EXPECT_EQ(stats.ok, 0);
+    parse_response("{\"cut", stats);
+    EXPECT_EQ(stats.ok, 1);
+    EXPECT_TRUE(std::isnan(docker_cpu_percent(stats)));
+}
+
+TEST(Docker, ObjectsAreWholeHoweverTheyAreSpreadOverReads) {
+    const std::string tricky = R"({"a":"}{\"\\","b":{"c":[{}]}})";
+    const std::string stream = "HTTP/1.0 200 OK\r\n{no\r\n\r\n" + tricky + "\n" + message + "\n";
+    for (std::size_t split = 0; split <= stream.size(); ++split) {
+        tarn::json_framer framer;
+        const std::string first = framer.feed(stream.substr(0, split));
+        const std::string second = framer.feed(stream.substr(split));
+        EXPECT_EQ(second.empty() ? first : second, message) << split;
+        EXPECT_LE(framer.pending(), 1U);
+    }
+    tarn::json_framer bytewise;
+    std::string found;
+    for (const char c : stream)
+        found += bytewise.feed({&c, 1});
+    EXPECT_EQ(found, tricky + message);
+}
+
+TEST(Docker, TheTableHoldsAHundred) {
+    init_config();
+    config.shm_key = 0x7A51;
+    ASSERT_EQ(docker_init(config.docker), 1);
+    tarn_docker& docker = *config.docker;
+    for (int n = 0; n < 100; ++n)
+        EXPECT_EQ(tarn_docker_add_container(docker, std::to_string(n)), n);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(tarn_docker_add_container(docker, "100"), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[docker] Max containers number reached: 100, cannot allocate one more\n");
+    EXPECT_EQ(tarn_docker_find_container(docker, "99"), 99);
+    EXPECT_EQ(tarn_docker_find_container(docker, "100"), -1);
+    EXPECT_EQ(docker.containers[5].state, TARN_DOCKER_CONT_STATE_EXITED);
+    docker_free(config.docker);
+    EXPECT_EQ(tarn::find_block(0x7A52, 0), -1);
+    EXPECT_FALSE(tarn_docker_resolve(config.docker, "1"));
+}
+
+TEST(Docker, ARequestIsOneRequest) {
+    EXPECT_EQ(tarn_docker_request("/containers/", "web.1", "/json"),
+              "GET /containers/web.1/json HTTP/1.0\n\n");
+    for (const char* const name : {"a b", "a\nPOST /x", "a\r", "a\x7F"}) {
+        EXPECT_FALSE(tarn_docker_request("/containers/", name, "/json")) << name;
+    }
+    EXPECT_TRUE(tarn_docker_request("/containers/", std::string(900, 'n'), "/json"));
+    EXPECT_FALSE(tarn_docker_request("/containers/", std::string(1023, 'n'), "/json"));
+}
+
+TEST(Docker, StatesHaveNames) {
+    EXPECT_STREQ(tarn_docker_state_name(TARN_DOCKER_CONT_STATE_RUNNING), "running");
+    EXPECT_STREQ(tarn_docker_state_name(3), "oomkilled");
+    EXPECT_STREQ(tarn_docker_state_name(5), "exited");
+    EXPECT_STREQ(tarn_docker_state_name(6), "unknown");
+    EXPECT_STREQ(tarn_docker_state_name(-1), "unknown");
+}
