@@ -1,0 +1,362 @@
+"""Real servers, each on a port and in a directory of its own, started once for the whole run."""
+
+import base64
+import json
+import os
+import pwd
+import shutil
+import socket
+import subprocess
+import tempfile
+import urllib.error
+import urllib.request
+from pathlib import Path
+
+from tarn_host import wait_for
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def answers(port):
+    with socket.socket() as probe:
+        probe.settimeout(1)
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+class Server:
+    """A server process that can be stopped and started again; `ready` tells when it answers."""
+
+    def __init__(self, name, user=None):
+        self.name, self.user, self.port, self.process = name, user, free_port(), None
+        self.directory = Path(tempfile.mkdtemp(prefix=f"tarn-{name}-"))
+        if user:
+            os.chown(self.directory, pwd.getpwnam(user).pw_uid, -1)
+        self.directory.chmod(0o755)
+        self.prepare()
+        self.start()
+
+    def prepare(self):
+        pass
+
+    def command(self):
+        raise NotImplementedError
+
+    def ready(self):
+        return answers(self.port)
+
+    def start(self):
+        with open(self.directory / "output", "a") as output:
+            self.process = subprocess.Popen([str(word) for word in self.command()], user=self.user, stdout=output,
+                                            stderr=output, stdin=subprocess.DEVNULL, cwd=self.directory,
+                                            start_new_session=True, env=self.environment())
+        try:
+            wait_for(self.ready, 60, 0.1)
+        except AssertionError as error:
+            raise AssertionError(f"{self.name}: " + (self.directory / "output").read_text()[-2000:]) from error
+
+    def environment(self):
+        return {**os.environ, "HOME": str(self.directory)}
+
+    def stop(self):
+        self.process.terminate()
+        try:
+            self.process.wait(20)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+
+    def close(self):
+        self.stop()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+
+def run(*command, **options):
+    """The standard output of a command that must succeed."""
+    done = subprocess.run([str(word) for word in command], check=False, capture_output=True, **options)
+    assert done.returncode == 0, f"{command}: {done.stdout.decode()[-1000:]} {done.stderr.decode()[-1000:]}"
+    return done.stdout
+
+
+class Redis(Server):
+    def __init__(self, *options):
+        self.options = options
+        super().__init__("redis")
+
+    def command(self):
+        return ["redis-server", "--port", self.port, "--bind", "127.0.0.1", "--dir", self.directory, *self.options]
+
+    def ask(self, request, password=None):
+        """Sends inline commands and returns the bytes that come back within a moment."""
+        with socket.create_connection(("127.0.0.1", self.port)) as peer:
+            if password:
+                peer.sendall(f"AUTH {password}\r\n".encode())
+                peer.recv(100)
+            peer.sendall(request.encode())
+            return peer.recv(4096)
+
+    def ready(self):
+        return super().ready() and b"LOADING" not in self.ask("ping\r\n")
+
+
+class MariaDb(Server):
+    def __init__(self):
+        super().__init__("mariadb", "mysql")
+
+    def prepare(self):
+        run("mariadb-install-db", "--no-defaults", f"--datadir={self.directory}/data", "--user=mysql",
+            "--auth-root-authentication-method=normal", user=self.user)
+
+    @property
+    def path(self):
+        return self.directory / "socket"
+
+    def command(self):
+        return ["mariadbd", "--no-defaults", f"--datadir={self.directory}/data", f"--port={self.port}",
+                "--bind-address=127.0.0.1", f"--socket={self.path}", f"--pid-file={self.directory}/pid"]
+
+    def sql(self, statements):
+        return run("mariadb", "--no-defaults", f"--socket={self.path}", "-uroot", "-N", "-B", "-e", statements).decode()
+
+    def start(self):
+        super().start()
+        self.sql("create user if not exists tarn@localhost identified by 'pw'; create database if not exists d;"
+                 "grant process, replication client, slave monitor on *.* to tarn@localhost;"
+                 "create table if not exists d.t (n int) engine=innodb")
+
+
+class Postgres(Server):
+    BIN = Path("/usr/lib/postgresql/15/bin")
+
+    def __init__(self):
+        super().__init__("postgres", "postgres")
+
+    def prepare(self):
+        (self.directory / "pw").write_text("pw\n")
+        run(self.BIN / "initdb", "-D", self.directory / "data", "-U", "tarn", "--auth=scram-sha-256",
+            f"--pwfile={self.directory}/pw", user=self.user)
+
+    def command(self):
+        return [self.BIN / "postgres", "-D", self.directory / "data", "-p", self.port, "-k", self.directory,
+                "-c", "listen_addresses=127.0.0.1", "-c", "autovacuum=off", "-c", "fsync=off"]
+
+    def ready(self):
+        return subprocess.run([self.BIN / "pg_isready", "-q", "-h", "127.0.0.1", "-p", str(self.port)],
+                              check=False).returncode == 0
+
+    def sql(self, *statements):
+        words = [word for statement in statements for word in ("-c", statement)]
+        return run("psql", "-h", "127.0.0.1", "-p", self.port, "-U", "tarn", "-At", "postgres", *words,
+                   env={**os.environ, "PGPASSWORD": "pw"}).decode()
+
+
+class Memcached(Server):
+    def __init__(self, path=None):
+        self.path = path
+        super().__init__("memcached")
+
+    def command(self):
+        place = ["-s", self.directory / "socket"] if self.path else ["-l", "127.0.0.1", "-p", self.port]
+        return ["memcached", "-u", "root", *place]
+
+    def ready(self):
+        return (self.directory / "socket").exists() if self.path else super().ready()
+
+    def ask(self, request):
+        place = str(self.directory / "socket") if self.path else ("127.0.0.1", self.port)
+        with socket.socket(socket.AF_UNIX if self.path else socket.AF_INET) as peer:
+            peer.connect(place)
+            peer.sendall(request.encode())
+            return peer.recv(65536).decode()
+
+
+class Beanstalkd(Server):
+    def __init__(self):
+        super().__init__("beanstalkd")
+
+    def command(self):
+        return ["beanstalkd", "-l", "127.0.0.1", "-p", self.port]
+
+    def ask(self, *requests):
+        with socket.create_connection(("127.0.0.1", self.port)) as peer:
+            for request in requests:
+                peer.sendall(request.encode())
+                reply = peer.recv(65536).decode()
+        return reply
+
+
+class Searchd(Server):
+    def __init__(self):
+        super().__init__("searchd")
+
+    def prepare(self):
+        (self.directory / "documents.tsv").write_text("1\thello world\n2\tgood bye\n")
+        (self.directory / "sphinx.conf").write_text(f"""
+source s {{
+    type = tsvpipe
+    tsvpipe_command = cat {self.directory}/documents.tsv
+    tsvpipe_field = text
+}}
+index i {{
+    source = s
+    path = {self.directory}/i
+}}
+searchd {{
+    listen = 127.0.0.1:{self.port}:mysql41
+    pid_file = {self.directory}/pid
+    log = {self.directory}/log
+    query_log = {self.directory}/query_log
+    binlog_path =
+    workers = threads
+}}
+""")
+        run("indexer", "-c", self.directory / "sphinx.conf", "--all")
+
+    def command(self):
+        return ["searchd", "-c", self.directory / "sphinx.conf", "--nodetach"]
+
+    def search(self, words):
+        return run("mariadb", "--no-defaults", "-h", "127.0.0.1", "-P", self.port, "-N", "-B", "-e",
+                   f"select id from i where match('{words}')").decode()
+
+
+def http(port, path="/", method="GET", body=None, login=None):
+    """The body of a page; any status is an answer."""
+    request = urllib.request.Request(f"http://127.0.0.1:{port}{path}", method=method,
+                                     data=json.dumps(body).encode() if body is not None else None)
+    if login:
+        request.add_header("Authorization", "Basic " + base64.b64encode(login.encode()).decode())
+    try:
+        with urllib.request.urlopen(request, timeout=10) as answer:
+            return answer.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.read().decode()
+
+
+class PhpFpm(Server):
+    """Two pools, one on TCP and one on a Unix socket; "/sleep.php" keeps a child busy."""
+
+    def __init__(self):
+        super().__init__("php-fpm")
+
+    def prepare(self):
+        (self.directory / "sleep.php").write_text("<?php sleep(4);")
+        pools = "".join(f"""[{name}]
+user = www-data
+group = www-data
+listen = {place}
+pm = static
+pm.max_children = 3
+pm.status_path = /status
+""" for name, place in (("tcp", f"127.0.0.1:{self.port}"), ("local", self.directory / "socket")))
+        (self.directory / "fpm.conf").write_text(f"[global]\nerror_log = {self.directory}/log\n{pools}")
+
+    def command(self):
+        return ["php-fpm8.2", "-F", "-n", "-y", self.directory / "fpm.conf"]
+
+
+class Nginx(Server):
+    """A stub status page, open and behind a password, and PHP."""
+
+    def __init__(self, php):
+        self.php = php
+        super().__init__("nginx")
+
+    def prepare(self):
+        password = run("openssl", "passwd", "-apr1", "pw").decode().strip()
+        (self.directory / "users").write_text(f"tarn:{password}\n")
+        (self.directory / "nginx.conf").write_text(f"""
+daemon off;
+user root;
+worker_processes 1;
+pid {self.directory}/pid;
+error_log {self.directory}/log;
+events {{ }}
+http {{
+    access_log off;
+    client_body_temp_path {self.directory}/body;
+    proxy_temp_path {self.directory}/proxy;
+    fastcgi_temp_path {self.directory}/fastcgi;
+    uwsgi_temp_path {self.directory}/uwsgi;
+    scgi_temp_path {self.directory}/scgi;
+    server {{
+        listen 127.0.0.1:{self.port};
+        location = / {{ return 200 "hello"; }}
+        location /status {{ stub_status; }}
+        location /secret {{ stub_status; auth_basic x; auth_basic_user_file {self.directory}/users; }}
+        location ~ \\.php$ {{
+            fastcgi_pass 127.0.0.1:{self.php.port};
+            fastcgi_param SCRIPT_FILENAME {self.php.directory}$fastcgi_script_name;
+            fastcgi_param REQUEST_METHOD $request_method;
+        }}
+    }}
+}}
+""")
+
+    def command(self):
+        return ["nginx", "-c", self.directory / "nginx.conf", "-e", self.directory / "log"]
+
+
+class Apache(Server):
+    def __init__(self):
+        super().__init__("apache")
+
+    def prepare(self):
+        (self.directory / "html").mkdir()
+        (self.directory / "html/index.html").write_text("hello")
+        modules = "".join(f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n"
+                          for name in ("mpm_event", "authz_core", "status", "dir"))
+        (self.directory / "httpd.conf").write_text(f"""{modules}
+ServerName localhost
+ServerRoot {self.directory}
+DefaultRuntimeDir {self.directory}
+DocumentRoot {self.directory}/html
+PidFile {self.directory}/pid
+ErrorLog {self.directory}/log
+Listen 127.0.0.1:{self.port}
+User www-data
+Group www-data
+ExtendedStatus On
+StartServers 1
+<Location "/server-status">
+    SetHandler server-status
+</Location>
+""")
+
+    def command(self):
+        return ["apache2", "-f", self.directory / "httpd.conf", "-DFOREGROUND"]
+
+
+class RabbitMq(Server):
+    """A broker with its management plugin; `port` is that of the API."""
+
+    def __init__(self):
+        super().__init__("rabbitmq", "rabbitmq")
+
+    def prepare(self):
+        (self.directory / "enabled_plugins").write_text("[rabbitmq_management].\n")
+        (self.directory / "rabbitmq.conf").write_text(
+            f"management.tcp.ip = 127.0.0.1\nmanagement.tcp.port = {self.port}\nlisteners.tcp.1 = 127.0.0.1:{free_port()}\n"
+            "disk_free_limit.absolute = 50MB\n")
+
+    def environment(self):
+        return {**super().environment(), "RABBITMQ_NODENAME": "tarn@localhost", "RABBITMQ_LOG_BASE": str(self.directory),
+                "RABBITMQ_MNESIA_BASE": str(self.directory), "RABBITMQ_DIST_PORT": str(free_port()),
+                "RABBITMQ_CONFIG_FILE": str(self.directory / "rabbitmq.conf"),
+                "RABBITMQ_ENABLED_PLUGINS_FILE": str(self.directory / "enabled_plugins")}
+
+    def command(self):
+        return ["/usr/lib/rabbitmq/bin/rabbitmq-server"]
+
+    def ready(self):
+        return super().ready() and "running" in http(self.port, "/api/nodes", login="guest:guest")
+
+    def api(self, path, method, body):
+        return http(self.port, path, method, body, "guest:guest")
+
+    def close(self):
+        super().close()
+        subprocess.run(["epmd", "-kill"], check=False, capture_output=True)

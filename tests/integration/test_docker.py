@@ -1,0 +1,244 @@
+"""Containers: a scripted engine for every state and fault, and a real one."""
+
+import json
+import re
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from fake_server import FakeServer, saying
+from real_servers import Redis, Server, run
+from tarn_host import Agent, Collector, shm_keys, wait_for
+
+SOCKET = Path("/run/docker.sock")
+KEY = 7 + 1
+HEAD = b"HTTP/1.0 200 OK\r\nContent-Type: application/json\r\n\r\n"
+
+
+def inspection(ip="127.0.0.1", **state):
+    return HEAD + json.dumps({"Id": "x", "State": state, "NetworkSettings": {"IPAddress": ip}}).encode() + b"\n"
+
+
+def statistics(now, before, cpus=2):
+    """A message in which the container had `now - before` of 1000 units of the host's time."""
+    return json.dumps({"read": "now", "cpu_stats": {"cpu_usage": {"total_usage": now}, "system_cpu_usage": 2000},
+                       "precpu_stats": {"cpu_usage": {"total_usage": before}, "system_cpu_usage": 1000,
+                                        "online_cpus": cpus}}).encode() + b"\n"
+
+
+class Engine(FakeServer):
+    """Answers "/containers/NAME/json" and ".../stats" as told; a behaviour may be given in place of bytes."""
+
+    def __init__(self, answers, streams=None, path=SOCKET):
+        self.answers, self.streams = answers, streams or {}
+        super().__init__(self.serve, path)
+
+    @staticmethod
+    def serve(self, peer, number):
+        request = self.read(peer).decode()
+        name, what = re.match(r"GET /containers/(.*)/(json|stats\?stream=true) HTTP/1.0\n\n$", request).groups()
+        answer = (self.answers if what == "json" else self.streams).get(name, HEAD)
+        if callable(answer):
+            answer(self, peer, number)
+        else:
+            peer.sendall(answer)
+
+    def __exit__(self, *_):
+        super().__exit__()
+        SOCKET.unlink(missing_ok=True)
+
+
+def lines(names, port):
+    return "".join(f"redis_{name} u:@[{name}]:{port}\n" for name in names)
+
+
+@pytest.fixture(scope="module")
+def redis():
+    server = Redis()
+    yield server
+    server.close()
+
+
+def test_states_addresses_and_cpu_figures(tmp_path, redis):
+    streams = {}
+
+    def spread(server, peer, _):  # headers first, then a message in pieces, then two in one
+        for part in (HEAD, statistics(500, 0)[:50], statistics(500, 0)[50:], statistics(1, 0) + statistics(250, 0)):
+            peer.sendall(part)
+            time.sleep(0.1)
+        time.sleep(30)
+
+    def endless(server, peer, _):
+        peer.sendall(HEAD + b'{"a":"' + b"x" * (2 << 20))
+        time.sleep(30)
+
+    streams["run"] = spread
+    streams["paused"] = HEAD + statistics(100, 0)  # and the stream ends
+    streams["dead"] = endless
+    states = {"run": (inspection(Running=True, Paused=True, Status="running"), "running"),
+              "paused": (inspection(Running=False, Paused=True, OOMKilled=True), "paused"),
+              "dead": (inspection(Running=False, Dead=True, Paused=True), "dead"),
+              "oom": (inspection(Running=False, OOMKilled=True, Restarting=True, Status="exited"), "oomkilled"),
+              "again": (inspection(Running=False, Restarting=True), "restarting"),
+              "gone": (inspection(Running=False, Status="exited"), "exited"),
+              "named": (inspection(ip="", Running=True), "running"),
+              "none": (b'HTTP/1.0 404 Not Found\r\n\r\n{"message":"No such container: none"}\n', "exited")}
+    with Engine({name: answer for name, (answer, _) in states.items()}, streams) as engine, Collector() as collector:
+        with Agent(tmp_path, collector.config(lines(states, redis.port)), "--debug") as agent:
+            def followed():
+                report = collector.report()
+                return report if report.get("docker", {}).get("run", {}).get("cpu_usage") == 50.0 else None
+            report = wait_for(followed, 15)
+            assert KEY in shm_keys()
+            agent.stop()
+        assert {name: item["state"] for name, item in report["docker"].items()} == \
+            {name: state for name, (_, state) in states.items()}
+        assert list(report["docker"]) == list(states) and list(report["docker"]["run"]) == ["cpu_usage", "state"]
+        assert report["docker"]["paused"]["cpu_usage"] == 20.0 and report["docker"]["dead"]["cpu_usage"] == 0.0
+        assert set(report["redises"]) == {"run"}
+        assert engine.requests[0] == b"GET /containers/run/json HTTP/1.0\n\n"
+        assert b"GET /containers/gone/stats?stream=true HTTP/1.0\n\n" in engine.requests
+    for text in (f"shmget() succeeded key = {KEY}\n", "Successfully forked docker child pid = ",
+                 f"[docker-child] shmat() succeeded key = {KEY}\n", "[docker-child] Started gathering stats\n",
+                 "[docker-child] Started loop\n", "[docker] Not found container in internal structure 'run', adding\n",
+                 "[docker] Added container 'run', index=0\n", "[docker] Found container 'run', index=0\n",
+                 "[docker] Updated container info for 'gone'\n\tindex\t5\n\tstatus\t'exited'\n\tcpu\t0.00%\n",
+                 "[redis] Cannot resolve IP for container 'named'\n", "[docker-child] Stopped loop\n",
+                 "[docker-child] Freeing shm\n", "[docker-child] Exiting\n", "Freeing docker-related structures\n"):
+        assert text in agent.text
+    assert not {KEY - 1, KEY} & set(shm_keys())
+
+
+def test_a_broken_engine_leaves_everything_else_alone(tmp_path, redis):
+    def hanging(server, peer, _):
+        time.sleep(20)
+
+    def kept_open(server, peer, _):
+        peer.sendall(inspection(Running=True))
+        time.sleep(20)
+
+    def flooding(server, peer, _):
+        while True:
+            peer.sendall(HEAD + b"x" * 100000)
+
+    answers = {"e500": b"HTTP/1.0 500 Oops\r\n\r\n<html>", "broken": HEAD + b'{"State":', "deep": HEAD + b'{"a":' * 100000,
+               "list": HEAD + b'[{"State":{}}]', "nothing": b"", "hanging": hanging, "flooding": flooding,
+               "wrong": HEAD + b'{"State":7,"NetworkSettings":{"IPAddress":12}}', "kept": kept_open,
+               "long": HEAD + b'{"State":{"Running":true},"NetworkSettings":{"IPAddress":"%s"}}' % (b"1" * 500)}
+    config = lines(answers, redis.port) + lines(["n" * 1010], 1).replace("redis_" + "n" * 1010, "redis_name")
+    with Engine(answers), Collector() as collector:
+        with Agent(tmp_path, collector.config(f"{config}redis_good u:@127.0.0.1:{redis.port}\n")) as agent:
+            report = [collector.report(30) for _ in range(2)][-1]
+            assert set(report["redises"]) == {"kept", "good"}
+            assert set(report["docker"]) == {"list", "wrong", "kept", "long"}
+            agent.stop()
+    assert "select() returned 0\n" in agent.text
+    for name in ("e500", "broken", "deep", "hanging", "flooding", "n" * 127):
+        assert f"[redis] Cannot resolve IP for container '{name}'\n" in agent.text
+
+
+@pytest.mark.parametrize("kind, message", [("absent", "connect: No such file or directory\n"),
+                                           ("directory", "connect: Connection refused\n")])
+def test_no_engine_is_said_and_no_more(tmp_path, redis, kind, message):
+    if kind == "directory":
+        SOCKET.mkdir()
+    try:
+        with Collector() as collector, Agent(tmp_path, collector.config(lines(["c"], redis.port))) as agent:
+            assert "docker" not in collector.reports(2)[-1]
+            agent.stop()
+    finally:
+        if kind == "directory":
+            SOCKET.rmdir()
+    assert message in agent.text and "[redis] Cannot resolve IP for container 'c'\n" in agent.text
+
+
+def test_a_configured_socket_serves_until_the_other_process_sets_the_default(tmp_path, redis):
+    path = tmp_path / "a b.sock"
+    script = "custom a b interval=1 echo 1\n"  # with scripts there is no such process, and the socket stays
+    with Engine({"c": inspection(Running=True)}, path=path), Collector() as collector:
+        config = collector.config(f"docker_sock {path}\n{script}" + lines(["c"], redis.port))
+        with Agent(tmp_path, config) as agent:
+            assert set(collector.reports(3)[-1]["redises"]) == {"c"}
+            assert agent.stop()[0] == 0
+    assert f"Docker socket '{path}'\n" in agent.text and "docker-child" not in agent.text
+    assert not {KEY - 1, KEY} & set(shm_keys())
+
+
+def test_a_key_that_another_holds_means_no_containers(tmp_path):
+    run("ipcmk", "-M", "10")
+    made = next(iter(set(shm_keys())))
+    identity = (made - 1) & 0xFFFFFFFF
+    with Collector() as collector:
+        config = collector.config().replace("id 7", f"id {identity}")
+        with Agent(tmp_path, config) as agent:
+            assert "docker" not in collector.reports(1)[0]
+            agent.wait_text(f"[docker-child] shmget() failed for key = {made}, id=-1\n")
+            agent.stop()
+    assert agent.text.count("[docker] no container table, going on without containers\n") == 1
+    run("ipcrm", "-M", hex(made & 0xFFFFFFFF))
+
+
+class Docker(Server):
+    """The engine of the distribution, with a busybox image; everything of it lies in its own directory."""
+
+    def __init__(self):
+        super().__init__("dockerd")
+        root = self.directory / "root/bin"
+        root.mkdir(parents=True)
+        run("cp", "/bin/busybox", root / "sh")
+        run("cp", "/bin/busybox", root / "busybox")
+        image = subprocess.Popen(["tar", "-C", str(root.parent), "-c", "."], stdout=subprocess.PIPE)
+        run(*self.client, "import", "-", "box", stdin=image.stdout)
+        image.wait()
+
+    client = ("docker", "-H", f"unix://{SOCKET}")
+
+    def command(self):
+        return ["dockerd", "--iptables=false", "--ip6tables=false", "--storage-driver=vfs", "-H", f"unix://{SOCKET}",
+                "--data-root", self.directory / "data", "--exec-root", self.directory / "exec",
+                "--pidfile", self.directory / "pid"]
+
+    def ready(self):
+        return subprocess.run([*self.client, "info"], capture_output=True, check=False).returncode == 0
+
+    def run(self, name, script):
+        run(*self.client, "run", "-d", "--name", name, "box", "/bin/sh", "-c", script)
+
+    def close(self):
+        names = run(*self.client, "ps", "-aq").decode().split()
+        if names:
+            run(*self.client, "rm", "-f", *names)
+        super().close()
+
+
+def test_real_containers(tmp_path):
+    engine = Docker()
+    try:
+        engine.run("busy", "while :; do :; done")
+        engine.run("store", "while :; do echo uptime_in_seconds:77 | busybox nc -l -p 6379; done")
+        engine.run("idle", "exec busybox sleep 1000")
+        engine.run("stopped", "exit 0")
+        run(*engine.client, "pause", "idle")
+        names = ("busy", "store", "idle", "stopped")
+        with Collector() as collector, Agent(tmp_path, collector.config(lines(names, 6379)), "--debug") as agent:
+            def busy():
+                report = collector.report()
+                return report if report.get("docker", {}).get("busy", {}).get("cpu_usage", 0) > 50 else None
+            report = wait_for(busy, 30)
+            states = {name: item["state"] for name, item in report["docker"].items()}
+            # A paused container runs, to the engine; that comes first.
+            assert states == {"busy": "running", "store": "running", "idle": "running", "stopped": "exited"}
+            assert report["docker"]["store"]["cpu_usage"] < 5
+            assert report["redises"]["store"]["uptime"] == 77
+            run(*engine.client, "kill", "store")
+            wait_for(lambda: collector.report()["docker"]["store"]["state"] == "exited")
+            wait_for(lambda: "store" not in collector.report()["redises"])
+            run(*engine.client, "start", "store")
+            wait_for(lambda: "store" in collector.report()["redises"])
+            assert agent.stop()[0] == 0
+        assert not {KEY - 1, KEY} & set(shm_keys())
+        assert "[redis] Cannot resolve IP for container 'stopped'\n" in agent.text
+    finally:
+        engine.close()

@@ -1,0 +1,148 @@
+"""The report of a whole faked host, and of hosts whose kernel files are broken."""
+
+import os
+import threading
+import time
+
+import pytest
+from bson.int64 import Int64
+
+from tarn_host import Agent, Collector, FakeHost
+
+L = Int64
+
+
+def net_dev(interfaces):
+    return "Inter-| Receive\n face |bytes\n" + "".join(
+        f"{name:>6}: {received} 1 2 3 4 5 6 7 {sent} 1 2 3 4 5 6 7\n" for name, received, sent in interfaces)
+
+
+def moving_figures(host, step):
+    """Figures of second `step`: everything that is a rate moves evenly."""
+    host.write(
+        stat=f"cpu  {100 + 20 * step} 0 {100 + 10 * step} {1000 + 160 * step} {4 * step} {step} {step} {2 * step} "
+             f"{2 * step} 0\ncpu0 1\ncpu1 1\nintr 9\n",
+        vmstat=f"nr_free_pages 1\npswpin {50 + 3 * step}\npswpout {70 * step}\n",
+        diskstats=f"   8 0 sda {10 * step} 0 {80 * step} {5 * step} {30 * step} 0 {7 * step} {6 * step} 0 "
+                  f"{500 * step} 9\n   8 1 sda1 1 1 1 1 1 1 1 1 1 1 1\n  11 0 sr0 1 1 1 1 1 1 1 1 1 1 1\n"
+                  f"   8 16 sdb 0 0 0 0 0 0 0 0 0 0 0\n",
+        dev=net_dev([("lo", 1000 * step, 10 * step), ("veth1", 5 * step, 5), ("eth0", 250 * step, 0)]))
+
+
+@pytest.fixture
+def host(tmp_path):
+    fake = FakeHost(tmp_path)
+    fake.write(
+        loadavg="0.25 0.50 0.75 1/77 2287\n",
+        meminfo="MemTotal: 1000 kB\nMemFree: 300 kB\nMemAvailable: 9 kB\nBuffers: 50 kB\nCached: 150 kB\n"
+                "SwapCached: 9 kB\nSwapTotal: 80 kB\nSwapFree: 30 kB\n",
+        file_nr="321\t0\t9223372036854775807\n",
+        os_release='NAME="CentOS Linux"\nVERSION_ID="7"\nID="centos"\n',
+        sockstat="sockets: used 9\nTCP: inuse 12 orphan 3 tw 40 alloc 20 mem 5\nUDP: inuse 4 mem 2\n",
+        statm="100 1234 9 9 9 9 9\n",
+        mounts=f"/dev/sda1 {tmp_path}/mnt ext4 rw 0 0\nproc /proc proc rw 0 0\ntmpfs {tmp_path}/no tmpfs rw 0 0\n"
+               "tmpfs /run tmpfs rw 0 0\n")
+    (tmp_path / "mnt").mkdir()
+    for name, removable, device in [("sda", "0", True), ("sr0", "1", True), ("sdb", "1", True), ("loop0", "0", False)]:
+        fake.disk(name, removable, device)
+    moving_figures(fake, 0)
+    return fake
+
+
+def test_every_element_of_a_faked_host(tmp_path, host):
+    mount = f"mount -t tmpfs -o size=64m,nr_inodes=1000 none {tmp_path}/mnt"
+    done = threading.Event()
+
+    def move():
+        # Between the cycles, which run a little after the full second.
+        step = 0
+        while not done.wait(1.5 - time.time() % 1):
+            step += 1
+            moving_figures(host, step)
+
+    mover = threading.Thread(target=move)
+    with Collector(b"abc") as collector:
+        config = collector.config("exclude_interfaces veth*\nexclude_tmpfs 1\n")
+        with Agent(tmp_path, config, command=host.command(mount)):
+            mover.start()
+            report = collector.reports(4)[-1]
+            done.set()
+            mover.join()
+    mnt = f"{tmp_path}/mnt"
+    now = report.pop("time")
+    assert isinstance(now, int) and not isinstance(now, Int64) and abs(now - time.time()) < 5
+    rates = {"rbytes": L(10), "wbytes": L(30), "rticks": L(5), "wticks": L(6), "tticks": L(500), "sread": L(80),
+             "swrite": L(7), "avio": 12.5, "busy": 50.0}
+    idle = dict.fromkeys(("rbytes", "wbytes", "rticks", "wticks", "tticks", "sread", "swrite"), L(0))
+    expected = [
+        ("id", 7), ("name", ""), ("interval", 1), ("version", "0.6.3"),
+        ("ok", L(1)), ("os_bit", os.uname().machine), ("os_name", "CentOS"), ("os_version", "7"),
+        ("tarn_memory_used", L(1234 * os.sysconf("SC_PAGESIZE") // 1024)), ("open_files", L(321)),
+        ("mem", {"ok": L(1), "free": L(300), "used": L(500), "buffers": L(50), "cached": L(150), "swapfree": L(30),
+                 "swapused": L(50), "swapin": L(3), "swapout": L(70)}),
+        ("lavg", 0.25), ("ncpu", L(2)),
+        ("cpu", {"ok": L(1), "guest": L(1), "idle": L(80), "iowait": L(2), "irq": L(0), "nice": L(0), "softirq": L(0),
+                 "steal": L(1), "system": L(5), "user": L(10)}),
+        ("socket", {"ok": L(1), "tcp_inuse": 12, "tcp_tw": 40, "tcp_orphan": 3, "udp_inuse": 4}),
+        ("mounts", {mnt: {"ok": L(1), "name": mnt, "free": L(64), "total": L(64), "space_perc": 1.0,
+                          "inodes_perc": 0.999}}),
+        ("disks", {"sda": {"ok": L(1), "name": "sda", **rates},
+                   "sdb": {"ok": L(1), "name": "sdb", **idle, "avio": 0.0, "busy": 0.0}}),
+        ("net", {"lo": {"ok": L(1), "name": "lo", "rbytes": L(8000), "sbytes": L(80)},
+                 "eth0": {"ok": L(1), "name": "eth0", "rbytes": L(2000), "sbytes": L(0)}}),
+        *((name, []) for name in ("memcaches", "beanstalks", "custom", "mysqls", "redises", "mycustoms"))]
+
+    def flat(items):
+        """Every element with its type, in order; devices and mounts in the order of their names."""
+        rows = []
+        for key, value in items:
+            if isinstance(value, dict):
+                order = sorted(value.items()) if key in ("disks", "mounts") else value.items()
+                rows += [(key, "document"), *flat(order), "end"]
+            else:
+                rows.append((key, type(value), value))
+        return rows
+
+    assert flat(report.items()) == flat(expected)
+
+
+GARBAGE = os.urandom(3000).replace(b"\n", b"x")
+LONG = b"x" * 5000 + b" 1 2 3 4\n"
+BEYOND = b"99999999999999999999999"
+
+
+@pytest.mark.parametrize("fault", ["empty", "garbage", "long", "cut", "beyond", "missing"])
+def test_broken_kernel_files_cost_their_own_figures_only(tmp_path, host, fault):
+    texts = {"empty": b"", "garbage": GARBAGE, "long": LONG * 3}
+    for path in host.files():
+        if fault in texts:
+            path.write_bytes(texts[fault])
+        elif fault == "cut":
+            path.write_bytes(path.read_bytes()[:-9])
+        elif fault == "beyond":
+            path.write_bytes(path.read_bytes().replace(b"1", BEYOND))
+    before = "mount -t tmpfs none /proc && mount -t tmpfs none /sys" if fault == "missing" else "true"
+    with Collector() as collector, Agent(tmp_path, collector.config(), command=host.command(before)):
+        report = collector.reports(3)[-1]
+    if fault in ("empty", "missing", "garbage"):
+        assert report["mounts"] == {} and report["net"] == {}
+        assert report["open_files"] == 0 and report["lavg"] == 0.0
+        assert sum(report["cpu"].values()) - report["cpu"]["ok"] == 0
+        assert sum(report["socket"].values()) - report["socket"]["ok"] == 0
+    if fault == "missing":
+        assert report["tarn_memory_used"] == 0 and report["disks"] == {} and report["ncpu"] == 0
+        assert set(report["mem"].values()) == {0}
+    if fault in ("empty", "garbage"):
+        assert list(report["disks"]) == []
+
+
+def test_more_than_255_interfaces_and_devices(tmp_path, host):
+    count = 700
+    host.write(dev=net_dev([(f"if{n}", n, n) for n in range(count)]),
+               diskstats="".join(f" 8 {n} d{n} 1 2 3 4 5 6 7 8 9 10 11\n" for n in range(count)))
+    for n in range(count):
+        host.disk(f"d{n}")
+    with Collector(tcp=True) as collector, Agent(tmp_path, collector.config(), command=host.command()):
+        report = collector.reports(3)[-1]
+    assert len(report["net"]) == count
+    assert len(report["disks"]) == count

@@ -1,0 +1,167 @@
+"""User scripts: run as their user beside the agent, within their time, whatever they do."""
+
+import ctypes
+import os
+import shutil
+import signal
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+import pytest
+
+from tarn_host import Agent, Collector, children, shm_keys, wait_for
+
+KEY = 7
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def scripts_agent(tmp_path, collector, lines, *options, **popen):
+    return Agent(tmp_path, collector.config("".join(line + "\n" for line in lines)), *options, **popen)
+
+
+def first_with(collector, name, most=10):
+    """The script's element of the first report that holds it."""
+    for _ in range(most):
+        custom = collector.report()["custom"]
+        if name in custom:
+            return custom[name]
+    raise AssertionError(f"{name} never came")
+
+
+def test_slow_and_flooding_scripts_delay_nobody(tmp_path):
+    lines = ["custom a slow interval=1 timeout=1 exec sleep 3600",
+             "custom a flood interval=1 timeout=1 yes",
+             "custom a closer interval=1 timeout=1 echo 1; exec >&-; sleep 30",
+             "custom a answer interval=1 timeout=1 echo 42; echo 'Disk almost full'; printf 'b\\377d'",
+             "custom a silent interval=1 true",
+             "custom a absent interval=1 /no/such/thing",
+             "server_status  true"]
+    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+        reports = collector.reports(8)
+        child = children(agent.pid)[0]
+        # The descriptors that it was started with, and not one for a script that is over; no zombies.
+        assert len(list(Path(f"/proc/{child}/fd").iterdir())) <= 4
+        assert len(children(child)) <= 1
+        status, seconds = agent.stop()
+        assert status == 0 and seconds < 2
+    times = [report["time"] for report in reports]
+    assert times == list(range(times[0], times[0] + 8))
+    custom = reports[-1]["custom"]
+    assert custom["a_answer"] == {"report": "a", "name": "answer", "interval": 1, "value": 42.0,
+                                  "alerts": ["Disk almost full", "b?d"]}
+    assert custom["a_flood"]["alerts"] == ["y"] * 10
+    assert custom["general_server_status"] == {"report": "general", "name": "server_status", "interval": 1,
+                                               "value": 0.0, "type": 11001, "alerts": []}
+    assert set(custom) == {"a_answer", "a_flood", "general_server_status"}
+    assert "EROROR! Custom script running too long (1 sec), killed\n" in agent.text
+    assert "EROROR! Custom script has returned an empty string, killed\n" in agent.text
+    assert "Killing child...\n" in agent.text
+    assert KEY not in shm_keys()
+    assert not Path(f"/proc/{child}").exists()
+
+
+@pytest.mark.parametrize("shell", ["dash", "bash"])
+def test_a_script_is_its_user_for_good_and_inherits_nothing(tmp_path, shell):
+    probe = Path(tempfile.mkdtemp()) / "probe"  # pytest's own directory is closed to other users
+    probe.write_text("id -u\n"
+                     "/usr/bin/python3 -c 'import os; os.setresuid(0, 0, 0)' 2>&1 | tail -n 1\n"
+                     "ls /proc/self/fd | wc -l\n"  # 0, 1, 2 and the directory itself
+                     "readlink /proc/$$/fd/0\n"
+                     "grep -E 'SigIgn|SigBlk' /proc/self/status | cut -f 2 | paste -s\n"
+                     "echo ${BASH_VERSION:+ba}sh\n")
+    probe.parent.chmod(0o755)
+    command = ["unshare", "-m", "sh", "-c", f'mount --bind /bin/{shell} $(readlink -f /bin/sh) && exec "$@"', "sh"]
+    os.set_inheritable(leaked := os.open("/etc/passwd", os.O_RDONLY), True)
+    with Collector() as collector, scripts_agent(tmp_path, collector, [f"custom a b interval=1 . {probe}"],
+                                                 command=command, close_fds=False):
+        result = first_with(collector, "a_b")
+    os.close(leaked)
+    shutil.rmtree(probe.parent)
+    assert result["value"] == 65534.0
+    refused, descriptors, standard_input, signals, name = result["alerts"]
+    assert "PermissionError" in refused
+    assert (descriptors, standard_input) == ("4", "/dev/null")
+    for mask in signals.split():
+        assert int(mask, 16) & 0x7FFFFFFF == 0  # above are two that the C library keeps for itself
+    assert name == shell.replace("dash", "sh")
+
+
+@pytest.mark.parametrize("uid", [-1, 4242, 4294967295])
+def test_a_user_that_there_is_not_runs_nothing(tmp_path, uid):
+    lines = [f"custom a bad interval=1 uid={uid} echo 1", f"custom a status type=11001 interval=1 uid={uid} echo 1",
+             "custom a good interval=1 uid=0 id -u"]
+    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+        assert first_with(collector, "a_good")["value"] == 0.0
+        assert set(collector.report()["custom"]) == {"a_good"}
+        assert agent.text.count("EROROR! Cannot setuid\n") >= 2
+
+
+def test_periods_and_differences_over_six_cycles(tmp_path):
+    tmp_path.chmod(0o777)
+    count = 'n=$(cat {0} 2>/dev/null || echo 0); n=$((n + 5)); echo $n >{0}; echo $n'
+    lines = [f"custom a one interval=1 uid=0 {count.format(tmp_path / 'one')}",
+             f"custom a two interval=2 uid=0 {count.format(tmp_path / 'two')}",
+             f"custom a three interval=3 incremental uid=0 {count.format(tmp_path / 'three')}"]
+    with Collector() as collector, scripts_agent(tmp_path, collector, lines, "--debug") as agent:
+        seen = {}
+        while len(seen) < 7:
+            custom = {name: item["value"] for name, item in dict(collector.report()["custom"]).items()}
+            if custom:
+                seen[int(custom["a_one"]) // 5 - 1] = custom
+        agent.wait_text("Customs loop iteration done at ")
+        assert KEY in shm_keys()
+    for cycle, values in seen.items():
+        expected = {"a_one": 5.0 * (cycle + 1)}
+        if cycle % 2 == 0:
+            expected["a_two"] = 5.0 * (cycle // 2 + 1)
+        if cycle % 3 == 0 and cycle > 0:
+            expected["a_three"] = 5.0
+        assert values == expected
+    for text in ("Update counters CHILD: customs iteration=0...\n", "done(isUpdated = 3)\n",
+                 "Calc delta CHILD: customs... done\n", "Exiting customs loop\n", "clear shm\n", "Freeing counters: CHILD customs... done\n"):
+        assert text in agent.text
+
+
+def test_a_stale_block_of_another_size_is_replaced(tmp_path):
+    assert libc.shmget(KEY, 100, 0o1600) >= 0
+    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+        assert first_with(collector, "a_b")["value"] == 5.0
+        assert shm_keys()[KEY] == 2640
+        assert agent.text.count("shmget: ") in (1, 2)  # a block with id 0 is replaced too
+    assert KEY not in shm_keys()
+
+
+def test_a_block_that_anybody_scribbles_over_harms_nobody(tmp_path):
+    lines = [f"custom a n{n} interval=1 echo {n}; echo alert" for n in range(3)]
+    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+        first_with(collector, "a_n0")
+        libc.shmat.restype = ctypes.c_void_p
+        size = shm_keys()[KEY]
+        address = libc.shmat(libc.shmget(KEY, 0, 0), None, 0)
+        done = threading.Event()
+
+        def scribble():
+            while not done.is_set():
+                ctypes.memmove(address, os.urandom(size), size)
+
+        scribbler = threading.Thread(target=scribble)
+        scribbler.start()
+        reports = collector.reports(4)  # every one of them decodes
+        done.set()
+        scribbler.join()
+        libc.shmdt(ctypes.c_void_p(address))
+        assert len(reports) == 4
+        assert agent.stop()[0] == 0
+
+
+def test_a_script_process_whose_parent_dies_ends_too(tmp_path):
+    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+        first_with(collector, "a_b")
+        child = children(agent.pid)[0]
+        os.kill(agent.pid, signal.SIGKILL)
+        wait_for(lambda: not Path(f"/proc/{child}").exists() or "Z" in Path(f"/proc/{child}/stat").read_text())
+        wait_for(lambda: KEY not in shm_keys())
+        time.sleep(0)
+    Path("/var/run/tarn.pid").unlink()

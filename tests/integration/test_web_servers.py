@@ -1,0 +1,224 @@
+"""Web servers, PHP-FPM, broker and search: real servers under a known load, scripted ones with exact bytes."""
+
+import json
+import socket
+import struct
+import threading
+import time
+from pathlib import Path
+
+import pytest
+
+from fake_server import FAULTS, FakeServer, saying
+from real_servers import Apache, Nginx, PhpFpm, RabbitMq, http
+from tarn_host import PID_FILE, Agent, Collector, wait_for
+
+
+def pools(seed, names):
+    return {name: {"threads": 4, "queue": seed, "active": seed + 1, "rejected": 0} for name in names}
+
+
+# The answers of two major versions: the older one has no "_nodes", and keys its nodes by a random name.
+ELASTIC_7 = ({"_nodes": {"total": 1, "failed": 0}, "cluster_name": "c",
+              "nodes": {"node-7": {"name": "n", "thread_pool": pools(2, ["search", "write", "get"])}}},
+             {"cluster_name": "c", "status": "yellow", "number_of_nodes": 1, "relocating_shards": 1,
+              "initializing_shards": 2, "unassigned_shards": 3})
+ELASTIC_2 = ({"cluster_name": "c", "nodes": {"aB3": {"name": "n", "thread_pool": pools(1, ["search", "bulk"])}}},
+             {"cluster_name": "c", "status": "green", "relocating_shards": 0, "initializing_shards": 0,
+              "unassigned_shards": 0})
+
+
+def elastic(answers):
+    """Answers both requests of a connection; the first body is longer than one read."""
+    def behaviour(server, peer, _):
+        for answer in answers:
+            server.read(peer)
+            body = json.dumps(answer).encode()
+            peer.sendall(b"HTTP/1.1 200 OK\r\ncontent-length: %d\r\n\r\n" % len(body) + body)
+    return behaviour
+
+
+class Web:
+    """The five kinds on real servers (Elasticsearch on scripted ones) in one configuration."""
+
+    def __init__(self):
+        self.php, self.apache, self.rabbit = PhpFpm(), Apache(), RabbitMq()
+        self.nginx = Nginx(self.php)
+        self.new, self.old = FakeServer(elastic(ELASTIC_7)), FakeServer(elastic(ELASTIC_2))
+        self.all = [self.nginx, self.apache, self.php, self.rabbit]
+
+    def config(self):
+        return f"""nginx_open 127.0.0.1:{self.nginx.port}/status localhost
+nginx secret tarn:pw@127.0.0.1:{self.nginx.port}/secret localhost
+nginx_page 127.0.0.1:{self.nginx.port}/nothing localhost
+apache_main 127.0.0.1:{self.apache.port}
+fpm_tcp 127.0.0.1:{self.php.port} /status
+fpm_local unix:{self.php.directory}/socket /status
+rabbit_main guest:guest@127.0.0.1:{self.rabbit.port}
+elastic_new 127.0.0.1:{self.new.port} node-7
+elastic_old 127.0.0.1:{self.old.port} aB3
+"""
+
+
+@pytest.fixture(scope="module")
+def web():
+    servers = Web()
+    yield servers
+    for server in servers.all:
+        server.close()
+
+
+EVERYTHING = {"Nginx_open", "Nginx_secret", "Nginx_page", "Apache_main", "FPM_tcp", "FPM_local", "Rabbit_main",
+              "Elastic_new", "Elastic_old"}
+
+
+def services(collector):
+    return dict(collector.report(30)["mycustoms"])
+
+
+def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, web):
+    for queue, count in (("a", 3), ("b", 4)):
+        web.rabbit.api(f"/api/queues/%2f/{queue}", "PUT", {})
+        for _ in range(count):
+            web.rabbit.api("/api/exchanges/%2f/amq.default/publish", "POST", {
+                "properties": {}, "routing_key": queue, "payload": "x", "payload_encoding": "string"})
+    with Collector() as collector, Agent(tmp_path, collector.config(web.config())) as agent:
+        for _ in range(3):
+            services(collector)
+        busy = threading.Thread(target=http, args=(web.nginx.port, "/sleep.php"))
+        busy.start()
+        for _ in range(100):
+            http(web.nginx.port)
+            http(web.apache.port)
+        reports = [report["mycustoms"] for report in collector.reports_of_now()]
+        busy.join()
+        wait_for(lambda: services(collector)["Rabbit_main"]["queues_sum_len"] == 7, 30)
+        last = services(collector)
+        agent.stop()
+    assert set(last) == EVERYTHING
+    # 100 pages and a script, three status pages a second by the agent itself.
+    assert sum(report["Nginx_open"]["rps"] for report in reports) == 101 + 3 * len(reports)
+    assert sum(report["Apache_main"]["tA"] for report in reports) == 100 + len(reports)
+    assert last["Apache_main"]["bW"] == 1 and last["Apache_main"]["sc_W"] == 1 and last["Apache_main"]["iW"] > 0
+    assert last["Nginx_secret"]["active"] >= 1 and last["Nginx_open"]["writing"] == 1
+    assert last["Nginx_page"] == {"report": "Nginx", "id": "page", "ok": 1, "rps": 0.0, "active": 0, "reading": 0,
+                                  "writing": 0, "keepalive": 0}
+    assert max(report["FPM_tcp"]["active"] for report in reports) == 2  # the script, and the one that answers
+    assert last["FPM_tcp"]["active"] == 1 and last["FPM_tcp"]["total"] == 3 and last["FPM_local"]["accepted"] == 1.0
+    broker = last["Rabbit_main"]
+    assert broker["queues_count"] == 2 and broker["running"] == 1 and broker["disk_free_limit"] == 0.05
+    assert broker["mem_left"] == pytest.approx(broker["mem_limit"] - broker["mem_used"])
+    assert last["Elastic_new"] == {
+        "report": "Elastic", "id": "new", "ok": 1, "node_queue_size": 6, "node_active_size": 9,
+        "threads_search_queue": 2, "threads_search_active": 3, "status": 2, "initializing_shards": 2,
+        "relocating_shards": 1, "unassigned_shards": 3}
+    assert last["Elastic_old"]["status"] == 3 and last["Elastic_old"]["node_queue_size"] == 2
+    assert web.new.requests[:2] == [b"GET /_nodes/node-7/stats/thread_pool HTTP/1.1\r\n\r\n",
+                                    b"GET /_cluster/health HTTP/1.1\r\n\r\n"]
+
+
+def test_a_server_that_restarts_takes_only_its_own_figures_with_it(tmp_path, web):
+    groups = {web.nginx: ({"Nginx_open", "Nginx_secret", "Nginx_page"}, "NGINX ERRRR :\n"),
+              web.apache: ({"Apache_main"}, "APACHE ERRRR :\n"), web.rabbit: ({"Rabbit_main"}, "rabbit error\n")}
+    with Collector() as collector, Agent(tmp_path, collector.config(web.config())) as agent:
+        wait_for(lambda: set(services(collector)) == EVERYTHING, 20)
+        for server, (own, message) in groups.items():
+            server.stop()
+            wait_for(lambda gone=own: set(services(collector)) == EVERYTHING - gone, 20)
+            assert message in agent.text
+            server.start()
+            wait_for(lambda: set(services(collector)) == EVERYTHING, 30)
+        # A pool that is gone keeps its last figures, with a rate of 0.
+        web.php.stop()
+        agent.wait_text("error socket bleble tcp: Connection refused\nsend: ")
+        agent.wait_text("fpm socket connect failed: ")
+        assert wait_for(lambda: services(collector)["FPM_tcp"]["accepted"] == 0.0)
+        web.php.start()
+        wait_for(lambda: services(collector)["FPM_tcp"]["accepted"] > 0)
+        assert len(list(Path(f"/proc/{agent.pid}/fd").iterdir())) < 10
+        assert agent.stop()[0] == 0
+    assert "nginx: could not bind socket or connect whatever: (Connection refused)111\n" in agent.text
+
+
+def test_the_requests_byte_for_byte(tmp_path):
+    def fcgi(server, peer, _):
+        server.read(peer)
+        text = b"Content-type: text/plain\r\n\r\naccepted conn: 5\n"
+        for part in struct.pack(">BBHHBB", 1, 6, 1, len(text), 3, 0), text[:20], text[20:] + b"\0\0\0":
+            peer.sendall(part)
+            time.sleep(0.05)
+
+    page = saying(b"HTTP/1.1 200 OK\r\n\r\nActive connections: 7\n")
+    with FakeServer(page) as nginx, FakeServer(page) as apache, FakeServer(fcgi) as fpm, FakeServer(page) as rabbit, \
+            Collector() as collector:
+        config = f"""slashedApache 0
+nginx_a user:{"p" * 60}@127.0.0.1:{nginx.port}/st host.example
+apache_a 127.0.0.1:{apache.port}
+fpm_a 127.0.0.1:{fpm.port} /s
+rabbit_a u:@127.0.0.1:{rabbit.port}
+"""
+        with Agent(tmp_path, collector.config(config)):
+            last = [services(collector) for _ in range(3)][-1]
+    assert set(last) == {"Nginx_a", "Apache_a", "FPM_a"} and last["Nginx_a"]["active"] == 7
+    head, rest = nginx.requests[0].split(b"Basic ")
+    assert head == b"GET /st  HTTP/1.1\r\nHost:host.example\r\nUser-Agent: tarn-client 0.6.3\r\nAuthorization: "
+    assert rest.index(b"\n") == 72 and rest.endswith(b"\r\n\r\n")
+    assert apache.requests[0] == b"GET /server-status?auto HTTP/1.0\r\nUser-Agent: tarn-client 0.6.3\r\n" \
+                                 b"Authorization: Basic \r\n\r\n"
+    assert fpm.requests[0] == (
+        b"\1\1\0\1\0\x08\0\0\0\1\0\0\0\0\0\0\1\4\0\1\0\x59\0\0\x0f\x17SCRIPT_FILENAME/tarn_asking_for_status"
+        b"\x0b\x02SCRIPT_NAME/s\x0b\x02REQUEST_URI/s\x0e\x03REQUEST_METHODGET\1\4\0\1\0\0\0\0")
+    assert rabbit.requests[0] == b"GET /api/nodes HTTP/1.1\r\nAuthorization: Basic dTo=\r\n" \
+                                 b"Host: 127.0.0.1:%d\r\n\r\n" % rabbit.port
+
+
+def record(kind, content, length=None, padding=0):
+    return struct.pack(">BBHHBB", 1, kind, 1, len(content) if length is None else length, padding, 0) + content
+
+
+FCGI = {"liar": saying(record(6, b"accepted conn: 1\n", 65535, 255)), "other": saying(record(3, b"12345678") + b"x"),
+        "padding": saying(record(6, b"accepted conn: 9\n", padding=200)),
+        "many": saying(record(7, b"e" * 100) * 2000), "huge": saying(record(6, b"x" * 65535, padding=9) + bytes(9))}
+HTTP = {"redirect": saying(b"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\n\r\n"),
+        "headless": saying(b"HTTP/1.1 200 OK\r\nA: b\r\n"), "full": saying(b"x" * 4096),
+        "chunked": saying(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n[{}]\n\r\n0\r\n\r\n"),
+        "shape": saying(b'HTTP/1.1 200 OK\r\n\r\n{"a":[1,2,{"b":null}]}'),
+        "deep": saying(b"HTTP/1.1 200 OK\r\n\r\n" + b"[" * 100000)}
+
+
+@pytest.mark.parametrize("fault", [*FAULTS, *FCGI, *HTTP])
+def test_a_faulty_peer_harms_no_other_counter(tmp_path, web, fault):
+    behaviour = {**FAULTS, **FCGI, **HTTP}[fault]
+    with FakeServer(behaviour) as peer, Collector() as collector:
+        address = f"127.0.0.1:{peer.port}"
+        config = f"""counter_tcp_to 1
+nginx_bad {address}/a b
+apache_bad {address}
+{"" if fault == "closing" else f"fpm_bad {address} /status"}
+rabbit_bad u:p@{address}
+elastic_bad {address} node
+nginx_good 127.0.0.1:{web.nginx.port}/status localhost
+"""
+        with Agent(tmp_path, collector.config(config)) as agent:
+            reports = [services(collector) for _ in range(2)]
+            assert all("Nginx_good" in report for report in reports)
+            assert not {"Rabbit_bad", "Elastic_bad"} & set(reports[-1])
+            if fault in ("liar", "padding", "silent", "mute", "closing", "empty"):
+                assert "FPM_bad" not in reports[-1]
+            if fault in ("other", "many"):
+                assert reports[-1]["FPM_bad"]["total"] == 0  # a record that is no output is a success
+            assert len(list(Path(f"/proc/{agent.pid}/fd").iterdir())) < 12
+            assert agent.stop()[0] == 0
+
+
+def test_a_reset_in_the_middle_of_fastcgi_ends_the_agent(tmp_path):
+    def reset(server, peer, _):
+        server.read(peer)
+        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+
+    with FakeServer(reset) as peer, Collector() as collector:
+        with Agent(tmp_path, collector.config(f"fpm_a 127.0.0.1:{peer.port} /s\n")) as agent:
+            assert agent.process.wait(10) == 1
+            agent.stop()
+    assert "recv: Connection reset by peer\n" in agent.text
+    PID_FILE.unlink()
