@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// A server in a thread of its own that gives the same answers on every connection: to each read of the
+/// client's bytes the next of them.
+class peer final {
+  public:
+    /// Listens on a free port of the loopback interface, or on a Unix socket when a path is given.
+    explicit peer(std::vector<std::string> answers, const std::string& path = {});
+    ~peer();
+    peer(const peer&) = delete;
+    peer& operator=(const peer&) = delete;
+
+    [[nodiscard]] int port() const { return port_; }
+    [[nodiscard]] const std::vector<std::string>& answers() const { return answers_; }
+
+    /// The length of the request that came before this answer on the latest connection, bytes.
+    [[nodiscard]] std::size_t request_size(std::size_t answer) const { return request_sizes_[answer]; }
+
+  private:
+    void serve();
+    void converse(int connection);
+
+    std::vector<std::string> answers_;
+    std::vector<std::atomic<std::size_t>> request_sizes_;
+    std::string path_;
+    int port_ = 0;
+    int listener_;
+    std::jthread thread_;
+};
