@@ -11,7 +11,7 @@
 namespace {
 
 struct unit_row {
-    std::string_view section;  ///< top-level element, or the report name of a service; "" for the top itself
+    std::string_view section;  ///< top-level element; in "mycustoms" the kind; "" for the top itself
     std::string_view key;
     std::string_view unit;
 };
@@ -59,6 +59,68 @@ constexpr unit_row units[] = {
     {"disks", "busy", "% busy"},
     {"net", "rbytes", "bit/s received"},
     {"net", "sbytes", "bit/s sent"},
+    {"memcaches", "get", "per minute"},
+    {"memcaches", "set", "per minute"},
+    {"memcaches", "misses", "per minute"},
+    {"memcaches", "hits", "per minute"},
+    {"memcaches", "evictions", "per minute"},
+    {"memcaches", "read", "bytes per minute received"},
+    {"memcaches", "write", "bytes per minute sent"},
+    {"memcaches", "bytes", "bytes"},
+    {"memcaches", "max_bytes", "bytes"},
+    {"beanstalks", "put", "jobs per minute"},
+    {"beanstalks", "cdelete", "jobs per minute"},
+    {"beanstalks", "uptime", "seconds"},
+    {"beanstalks", "connections", "change per minute"},
+    {"custom", "interval", "seconds"},
+    {"mysqls", "insert", "per minute"},
+    {"mysqls", "select", "per minute"},
+    {"mysqls", "update", "per minute"},
+    {"mysqls", "delete", "per minute"},
+    {"mysqls", "aborted", "connects per minute"},
+    {"mysqls", "innodb_pool", "bytes"},
+    {"mysqls", "slow", "per minute"},
+    {"mysqls", "innodb_free", "bytes"},
+    {"mysqls", "innodb_del", "rows per minute"},
+    {"mysqls", "innodb_ins", "rows per minute"},
+    {"mysqls", "innodb_read", "rows per minute"},
+    {"mysqls", "innodb_updated", "rows per minute"},
+    {"mysqls", "behind_master", "seconds"},
+    {"redises", "uptime", "seconds"},
+    {"redises", "total_connections_received", "per minute"},
+    {"redises", "total_commands_processed", "per minute"},
+    {"redises", "keyspace_hits", "per minute"},
+    {"redises", "keyspace_misses", "per minute"},
+    {"redises", "expired_keys", "per minute"},
+    {"redises", "evicted_keys", "per minute"},
+    {"redises", "master_sync_left_bytes", "bytes"},
+    {"redises", "memused", "bytes"},
+    {"Nginx", "rps", "requests per second"},
+    {"Apache", "tA", "requests per second"},
+    {"FPM", "accepted", "connections per second"},
+    {"Rabbit", "disk_free", "GB"},
+    {"Rabbit", "disk_free_limit", "GB"},
+    {"Rabbit", "disk_left", "GB"},
+    {"Rabbit", "mem_used", "MB"},
+    {"Rabbit", "mem_limit", "MB"},
+    {"Rabbit", "mem_left", "MB"},
+    {"Rabbit", "mem_used_perc", "%"},
+    {"Rabbit", "proc_used_perc", "%"},
+    {"Postgre", "cmtd", "per minute"},
+    {"Postgre", "rolbck", "per minute"},
+    {"Postgre", "actv_con", "change per minute"},
+    {"Postgre", "idle_con", "change per minute"},
+    {"Postgre", "i_in_tr_con", "change per minute"},
+    {"Postgre", "lock_con", "change per minute"},
+    {"Postgre", "slo_all", "change per minute"},
+    {"Postgre", "slo_dml", "change per minute"},
+    {"Postgre", "slo_sel", "change per minute"},
+    {"Sphinx", "C", "connections per minute"},
+    {"Sphinx", "C_S", "searches per minute"},
+    {"Sphinx", "C_U", "updates per minute"},
+    {"Sphinx", "Q", "queries per minute"},
+    {"Sphinx", "Q_W", "seconds per minute"},
+    {"docker", "cpu_usage", "% of one CPU"},
 };
 
 std::string_view unit_of(std::string_view section, std::string_view key) {
@@ -70,6 +132,16 @@ std::string_view unit_of(std::string_view section, std::string_view key) {
 
 bool is_container(const bson_iter_t& element) {
     return BSON_ITER_HOLDS_DOCUMENT(&element) || BSON_ITER_HOLDS_ARRAY(&element);
+}
+
+/// The section that a container's figures belong to. Only the elements of "mycustoms" are of several kinds,
+/// and each names its own.
+std::string section_within(const bson_iter_t& container, const std::string& around, std::size_t depth) {
+    if (depth == 0) return bson_iter_key(&container);
+    bson_iter_t kind;
+    const bool names_kind = depth == 1 && around == "mycustoms" && bson_iter_recurse(&container, &kind) &&
+                            bson_iter_find(&kind, "report") && BSON_ITER_HOLDS_UTF8(&kind);
+    return names_kind ? bson_iter_utf8(&kind, nullptr) : around;
 }
 
 /// True when the elements' keys are "0", "1", ... as those of an array usually are.
@@ -154,7 +226,7 @@ void lay_out_element(const bson_iter_t& element, const std::string& section, std
         text += '\n';
         bson_iter_t children;
         bson_iter_recurse(&element, &children);
-        lay_out(children, depth == 0 ? std::string(key) : section, depth + 1, text);
+        lay_out(children, section_within(element, section, depth), depth + 1, text);
         return;
     }
     const bool is_time = depth == 0 && key == "time" && BSON_ITER_HOLDS_INT32(&element);
