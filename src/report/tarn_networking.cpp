@@ -2,9 +2,11 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <udns.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +16,7 @@
 
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
+#include "record/tarn_turn.h"
 #include "report/tarn_collector.h"
 #include "report/tarn_sign.h"
 #include "support/tarn_streams.h"
@@ -51,12 +54,38 @@ void resolve_locally() {
     trace("%s ... done \n", config.serverIp);
 }
 
+/// The question under way and, once it is over, its answer, which may be none.
+struct dns_question {
+    dns_answer answer;
+    bool is_over = false;
+};
+
+void take_answer(dns_ctx* /*context*/, dns_rr_a4* answer, void* data) {
+    auto& question = *static_cast<dns_question*>(data);
+    question.answer.reset(answer);
+    question.is_over = true;
+}
+
+/// Resolves the collector's name as the library's own waiting call does, but a stop signal ends the wait: a
+/// name server that is down costs half a minute.
+dns_answer resolve_collector() {
+    constexpr int longest_wait_s = 1;
+    dns_question question;
+    if (dns_open(nullptr) < 0) return nullptr;
+    if (dns_submit_a4(nullptr, config.serverName, 0, take_answer, &question) == nullptr) return nullptr;
+    pollfd polled{dns_sock(nullptr), POLLIN, 0};
+    while (!question.is_over && stop == 0) {
+        const int wait_s = std::clamp(dns_timeouts(nullptr, -1, 0), 0, longest_wait_s);
+        if (!question.is_over && ::poll(&polled, 1, 1000 * wait_s) > 0) dns_ioevent(nullptr, 0);
+    }
+    return std::move(question.answer);
+}
+
 /// Asks one name server, given by its address, for the collector's.
 void ask_server(const char* server_ip) {
     dns_reset(nullptr);
     dns_add_serv(nullptr, server_ip);
-    dns_open(nullptr);
-    const dns_answer answer(dns_resolve_a4(nullptr, config.serverName, 0));
+    const dns_answer answer = resolve_collector();
     if (!answer) {
         std::printf("error 2");
     } else if (answer->dnsa4_nrr < 1) {

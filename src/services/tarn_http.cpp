@@ -17,11 +17,13 @@ constexpr std::size_t page_size = 16384;
 constexpr std::size_t step_size = 4096;
 constexpr std::size_t most_answer = std::size_t{16} << 20U;
 constexpr int most_timeouts = 10;
+constexpr int longest_timeout = 86400;
 
 /// Reads an answer step by step into one growing text; false when that failed.
 bool read_steps(const char* kind, const unique_fd& socket, std::string& answer) {
-    const auto deadline = std::chrono::steady_clock::now() +
-                          most_timeouts * std::chrono::seconds(std::max(config.counter_tcp_to, 1));
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        most_timeouts * std::chrono::seconds(std::clamp(config.counter_tcp_to, 1, longest_timeout));
     std::size_t length = 0;
     ssize_t got = 0;
     do {

@@ -98,14 +98,14 @@ void mysql_parse_conf(tarn_mycustom_counter& counter, data_mysql& data) {
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
 }
 
-bool connect_path(const tarn::mysql_connection& connection, const data_mysql& data) {
+bool connect_path(tarn::mysql_connection& connection, const data_mysql& data) {
     if (tarn::mysql_connect(connection, {"localhost", data.user, data.pass, 0, data.socket})) return true;
     std::fprintf(stderr, "Failed to connect to mysql(%s:%s@%s/%s): Error: %s\n", data.user, "***",
                  "localhost", data.socket, tarn::mysql_error_text(connection));
     return false;
 }
 
-bool connect_port(const tarn::mysql_connection& connection, const data_mysql& data) {
+bool connect_port(tarn::mysql_connection& connection, const data_mysql& data) {
     const auto host = tarn::service_host("mysql", data.in_docker, data.docker_container_name, data.host);
     if (!host) return false;
     if (tarn::mysql_connect(connection, {host->c_str(), data.user, data.pass, data.port, nullptr}))
@@ -116,7 +116,7 @@ bool connect_port(const tarn::mysql_connection& connection, const data_mysql& da
     return false;
 }
 
-bool connect_mysql(const tarn::mysql_connection& connection, const data_mysql& data) {
+bool connect_mysql(tarn::mysql_connection& connection, const data_mysql& data) {
     if (data.socket[0] != '\0') return connect_path(connection, data);
     if (data.port != 0) return connect_port(connection, data);
     std::fprintf(stderr, "Failed to connect to mysql(%s:%s@%s:(%d | %s)): Error: %s\n", data.user, "***",
@@ -169,7 +169,7 @@ void read_replication(const tarn::mysql_connection& connection, data_mysql& data
 }
 
 bool sample(data_mysql& data) {
-    const tarn::mysql_connection connection = tarn::mysql_prepare();
+    tarn::mysql_connection connection = tarn::mysql_prepare();
     if (!connect_mysql(connection, data)) return false;
     read_named(connection, status_statement, status_rows, data);
     if (tells_innodb_rows(connection)) read_named(connection, innodb_statement, innodb_rows, data);

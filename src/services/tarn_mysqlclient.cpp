@@ -1,10 +1,14 @@
 #include "services/tarn_mysqlclient.h"
 
-#include <array>
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cstdio>
 
 #include "record/tarn_config.h"
+#include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
+#include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
@@ -54,9 +58,21 @@ bool look_up_all(void* handle) {
            tarn::look_up(handle, "mysql_options", library.options) && look_up_end(handle);
 }
 
-void set_option(st_mysql* connection, int option, int value) {
-    const auto number = static_cast<unsigned>(value);
+/// The library takes 0 for "no limit".
+void set_timeout(st_mysql* connection, int option, int seconds) {
+    const auto number = static_cast<unsigned>(std::max(seconds, 1));
     library.options(connection, option, &number);
+}
+
+/// The descriptor that the library's next socket gets: the lowest free one. Not every library can be asked.
+int next_descriptor() {
+    return tarn::unique_fd(::open("/dev/null", O_RDONLY | O_CLOEXEC)).get();
+}
+
+/// Twice a time-out: once for the first byte, once for all the rest.
+int twice(int seconds) {
+    constexpr int longest = 86400;
+    return 2 * std::clamp(seconds, 1, longest);
 }
 
 }  // namespace
@@ -81,16 +97,20 @@ void mysql_closer::operator()(st_mysql* connection) const {
 mysql_connection mysql_prepare() {
     mysql_connection connection(library.init(nullptr));
     if (!connection) return connection;
-    set_option(connection.get(), opt_connect_timeout, config.mysql_connect_to);
-    set_option(connection.get(), opt_write_timeout, config.mysql_write_to);
-    set_option(connection.get(), opt_read_timeout, config.mysql_read_to);
-    set_option(connection.get(), opt_local_infile, 0);
+    set_timeout(connection.get(), opt_connect_timeout, config.mysql_connect_to);
+    set_timeout(connection.get(), opt_write_timeout, config.mysql_write_to);
+    set_timeout(connection.get(), opt_read_timeout, config.mysql_read_to);
+    constexpr unsigned off = 0;
+    library.options(connection.get(), opt_local_infile, &off);
     return connection;
 }
 
-bool mysql_connect(const mysql_connection& connection, const mysql_address& address) {
-    return connection && library.real_connect(connection.get(), address.host, address.user, address.password,
-                                              nullptr, address.port, address.socket, 0) != nullptr;
+bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
+    if (!connection) return false;
+    connection.get_deleter().socket = next_descriptor();
+    const socket_deadline deadline(connection.get_deleter().socket, twice(config.mysql_connect_to));
+    return library.real_connect(connection.get(), address.host, address.user, address.password, nullptr,
+                                address.port, address.socket, 0) != nullptr;
 }
 
 const char* mysql_error_text(const mysql_connection& connection) {
@@ -98,10 +118,13 @@ const char* mysql_error_text(const mysql_connection& connection) {
 }
 
 mysql_rows::mysql_rows(const mysql_connection& connection, const char* statement, unsigned columns) {
+    const socket_deadline deadline(connection.get_deleter().socket, twice(config.mysql_read_to));
     if (library.query(connection.get(), statement) != 0) return;
     st_mysql_res* const result = library.store_result(connection.get());
     if (result == nullptr) return;
-    if (library.num_fields(result) < columns) {
+    // A library that does not count its columns says 0; no result that is stored has none.
+    const unsigned fields = library.num_fields(result);
+    if (fields != 0 && fields < columns) {
         library.free_result(result);
         return;
     }

@@ -17,10 +17,14 @@ void mysql_library_end_stub();
 namespace tarn {
 
 struct mysql_closer {
+    int socket = -1;  ///< descriptor of the connection
+
     void operator()(st_mysql* connection) const;
 };
 
-/// Owns a connection object of the library.
+/// Owns a connection object of the library. The library's own time-outs bound each of its reads; beside them
+/// a connect and a statement may each take twice their time-out altogether, however the server drips its
+/// bytes.
 using mysql_connection = std::unique_ptr<st_mysql, mysql_closer>;
 
 /// Where a MySQL server listens, and the login.
@@ -37,7 +41,7 @@ struct mysql_address {
 mysql_connection mysql_prepare();
 
 /// Connects; false when that fails, mysql_error_text() then says why.
-bool mysql_connect(const mysql_connection& connection, const mysql_address& address);
+bool mysql_connect(mysql_connection& connection, const mysql_address& address);
 
 /// What the library says of the last failure.
 const char* mysql_error_text(const mysql_connection& connection);

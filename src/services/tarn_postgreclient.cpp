@@ -1,5 +1,6 @@
 #include "services/tarn_postgreclient.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -58,7 +59,7 @@ std::string_view view_of(const char* text) {
 int init_postgre_lib() {
     const std::string path(tarn::text_of(config.postgre_lib));
     std::printf("libpq: %s\n", path.c_str());
-    ::setenv("PGCONNECT_TIMEOUT", std::to_string(config.counter_tcp_to).c_str(), 0);
+    ::setenv("PGCONNECT_TIMEOUT", std::to_string(std::max(config.counter_tcp_to, 1)).c_str(), 0);
     config.postgre_handle = tarn::open_library(path.c_str());
     return config.postgre_handle != nullptr && look_up_all(config.postgre_handle) ? 1 : 0;
 }

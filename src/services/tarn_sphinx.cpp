@@ -48,7 +48,7 @@ void sphinx_parse_conf(tarn_mycustom_counter& counter, data_sphinx& data) {
 }
 
 bool sample(data_sphinx& data) {
-    const tarn::mysql_connection connection = tarn::mysql_prepare();
+    tarn::mysql_connection connection = tarn::mysql_prepare();
     if (!tarn::mysql_connect(connection, {data.host, data.user, data.pass, data.port, nullptr})) {
         std::fprintf(stderr, "Failed to connect to sphinx(%s:%s@%s:%d): Error: %s\n", data.user, data.pass,
                      data.host, static_cast<int>(data.port), tarn::mysql_error_text(connection));
