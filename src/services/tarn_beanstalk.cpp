@@ -56,7 +56,8 @@ bool sample(data_beanstalk& data) {
 }  // namespace
 
 void beanstalk_parse_stats(std::string_view reply, tarn_mycustom_data_beanstalk& data) {
-    for (auto line = tarn::next_token(reply, "\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
+    // Only the first line may end at a carriage return.
+    for (auto line = tarn::next_token(reply, "\r\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
         tarn::scanner words(line);
         const std::string_view name = words.word();
         tarn::store_named(name, words.rest(), stat_rows, data);

@@ -31,11 +31,11 @@ constexpr tarn::bson_row<data_elastic> rows[] = {
     {"relocating_shards", tarn::as_int64<&data_elastic::relocating_shards>},
     {"unassigned_shards", tarn::as_int64<&data_elastic::unassigned_shards>}};
 
-/// "ID HOST:PORT NODE".
+/// "ID HOST:PORT NODE". Only the first ":" behind the host separates; a node's name may hold more of them.
 void elastic_parse_conf(tarn_mycustom_counter& counter, data_elastic& data) {
-    tarn::service_conf conf(counter, ":");
+    tarn::service_conf conf(counter, "");
     conf.word(counter.id);
-    conf.word(data.host);
+    conf.before(':', data.host);
     data.port = static_cast<std::uint16_t>(conf.number());
     conf.word(data.node_name);
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);

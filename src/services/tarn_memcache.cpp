@@ -103,7 +103,8 @@ int memcache_parse_conf(tarn_mycustom_counter& counter, tarn_mycustom_data_memca
 }
 
 void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data) {
-    for (auto line = tarn::next_token(reply, "\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
+    // Only the first line may end at a carriage return.
+    for (auto line = tarn::next_token(reply, "\r\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
         if (!line.starts_with("STAT")) continue;
         tarn::scanner words(line);
         words.skip(1);

@@ -25,7 +25,7 @@ void as_connections(data_nginx& data, std::string_view value) {
     if (!fields.number(data.reading)) return;
     for (const auto& [name, member] :
          {std::pair("Writing:", &data_nginx::writing), std::pair("Waiting:", &data_nginx::keepalive)}) {
-        if (fields.word() != name || !fields.number(data.*member)) return;
+        if (!fields.literal(name) || !fields.number(data.*member)) return;
     }
 }
 

@@ -50,7 +50,7 @@ void rabbit_parse_conf(tarn_mycustom_counter& counter, data_rabbit& data) {
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
 }
 
-/// A first node that is none: zeros for everything that a node tells.
+/// A first node that is none: zeros for everything.
 void clear_node(data_rabbit& data) {
     data.fd_used = data.fd_total = 0;
     data.processors = data.proc_total = data.proc_used = 0;
@@ -58,6 +58,7 @@ void clear_node(data_rabbit& data) {
     data.disk_free_limit = data.disk_free = data.disk_left = 0;
     data.mem_limit = data.mem_used = data.mem_left = 0;
     data.running = 0;
+    data.queues_count = data.queues_sum_len = 0;
 }
 
 void read_node(const nx_json& node, data_rabbit& data) {
@@ -84,7 +85,7 @@ std::string tarn_rabbit_construct_api_request(std::string_view path, std::string
                                               std::uint32_t port, std::string_view auth64) {
     std::string request = "GET ";
     request.append(path).append(" HTTP/1.1\r\nAuthorization: Basic ").append(auth64).append("\r\nHost: ");
-    request.append(host).append(":").append(std::to_string(port)).append("\r\n\r\n");
+    request.append(host).append(":").append(std::to_string(static_cast<int>(port))).append("\r\n\r\n");
     return request;
 }
 

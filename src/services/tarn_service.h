@@ -41,6 +41,14 @@ class service_conf final {
         if (!empty_password_) word(pass);
     }
 
+    /// Reads everything before the next such character, blanks included, into a field. When that is nothing,
+    /// no more words follow.
+    template <std::size_t Size>
+    void before(char separator, char (&field)[Size]) {
+        copy_text(field, words_.until(separator));
+        if (field[0] == '\0') words_ = scanner({});
+    }
+
     /// Reads a decimal number as "%d" does. When there is none it is 0, and no more words follow.
     int number();
 

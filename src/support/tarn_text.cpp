@@ -96,4 +96,18 @@ bool scanner::skip(int count) {
     return count == 0;
 }
 
+bool scanner::literal(std::string_view text) {
+    rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size()));
+    if (!rest_.starts_with(text)) return false;
+    rest_.remove_prefix(text.size());
+    return true;
+}
+
+std::string_view scanner::until(char separator) {
+    rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size()));
+    const std::string_view before = rest_.substr(0, rest_.find(separator));
+    rest_.remove_prefix(std::min(before.size() + 1, rest_.size()));
+    return before;
+}
+
 }  // namespace tarn

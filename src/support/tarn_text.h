@@ -144,6 +144,13 @@ class scanner {
         return taken > 0;
     }
 
+    /// Passes over blanks and a text that has to stand there; false when something else does.
+    bool literal(std::string_view text);
+
+    /// What stands before the next such character, blanks in front passed over; the character is passed over,
+    /// too. Without one it is all the rest.
+    std::string_view until(char separator);
+
     /// What has not been read yet.
     [[nodiscard]] std::string_view rest() const { return rest_; }
 
