@@ -4,7 +4,11 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <memory_resource>
 #include <utility>
 #include <vector>
@@ -78,7 +82,6 @@ class tree_builder final {
         return node;
     }
 
-    /// An automatic base is asked for, but JSON knows no other than 10.
     bool add_number(std::string_view text) {
         const bool is_double = text.find_first_of(".eE") != std::string_view::npos;
         nx_json* const node = add(is_double ? NX_JSON_DOUBLE : NX_JSON_INTEGER);
@@ -111,6 +114,38 @@ class tree_builder final {
 
 const nx_json null_node;
 
+/// True for a 0 that begins a number and does not stand alone.
+bool begins_other_base(char before, const char* text) {
+    return *text == '0' && std::isalnum(static_cast<unsigned char>(text[1])) != 0 &&
+           std::string_view(" \t\r\n:,[-").find(before) != std::string_view::npos;
+}
+
+/// Rewrites the integer at `start`, whose first digit is a 0, as a decimal one and fills its place up with
+/// blanks. Returns the first character behind it. What is no integer of base 8 or 16 stays, for the parser to
+/// refuse.
+char* rewrite_integer(char* start) {
+    char* end = nullptr;
+    errno = 0;
+    const std::int64_t value = std::strtoll(start, &end, 0);
+    std::array<char, 24> digits{};
+    const auto [last, error] = std::to_chars(digits.begin(), digits.end(), value);
+    const auto length = last - digits.begin();
+    if (errno != 0 || *end == '.' || *end == 'e' || *end == 'E' || length > end - start) return end;
+    std::fill(std::copy(digits.begin(), last, start), end, ' ');
+    return end;
+}
+
+/// Integers may be octal ("010") or hexadecimal ("0x1F"), which JSON itself does not know.
+void rewrite_bases(char* text) {
+    bool in_string = false;
+    for (char before = ' '; *text != '\0'; before = *text++) {
+        if (*text == '"') in_string = !in_string;
+        if (in_string && *text == '\\' && text[1] != '\0') ++text;
+        if (in_string || !begins_other_base(before, text)) continue;
+        text = rewrite_integer(before == '-' ? text - 1 : text) - 1;
+    }
+}
+
 }  // namespace
 
 void nx_json_free(const nx_json* root) {
@@ -122,6 +157,7 @@ nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start) {
                                rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
     auto tree = std::make_unique<document>();
     tree_builder builder(*tree);
+    rewrite_bases(text.data() + std::min(start, text.size()));
     rapidjson::InsituStringStream stream(text.data() + std::min(start, text.size()));
     rapidjson::Reader reader;
     if (reader.Parse<flags>(stream, builder).IsError()) return nullptr;
