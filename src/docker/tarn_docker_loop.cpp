@@ -46,8 +46,9 @@ int container_count(tarn_docker_t& table) {
     std::exit(EXIT_FAILURE);
 }
 
-tarn::unique_fd get_fd_for_container_stats(const tarn_docker_t& table, std::string_view name) {
-    tarn::stream connection = tarn::connect_unix(tarn::text_of(table.sock_path), connect_timeout_seconds);
+/// The path in the table is this process's own, but anybody may have written there since.
+tarn::unique_fd get_fd_for_container_stats(std::string_view name) {
+    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout_seconds);
     errno = connection.error;
     if (connection.failed == tarn::stream_step::connect) give_up("connect");
     if (!connection.socket) give_up("socket");
@@ -83,7 +84,7 @@ std::vector<followed> open_streams(tarn_docker_t& table) {
     std::vector<followed> containers(static_cast<std::size_t>(container_count(table)));
     for (std::size_t at = 0; at < containers.size(); ++at) {
         const std::string name(tarn::text_of(table.containers[at].name).substr(0, 99));
-        containers[at].stream = get_fd_for_container_stats(table, name);
+        containers[at].stream = get_fd_for_container_stats(name);
     }
     return containers;
 }

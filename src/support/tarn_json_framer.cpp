@@ -11,6 +11,8 @@ std::string json_framer::feed(std::string_view bytes) {
         newest = text_.substr(0, at_);
         text_.erase(0, at_);
         at_ = 0;
+        depth_ = 0;
+        in_string_ = false;
     }
 }
 
@@ -29,6 +31,10 @@ bool json_framer::find_end() {
     if (text_.size() < 2) return false;
     for (; at_ < text_.size(); ++at_) {
         const char c = text_[at_];
+        if (c == '\n' && depth_ > 0) {
+            if (!in_string_ && at_ + 1 == text_.size()) return false;
+            if (is_cut()) return true;
+        }
         if (in_string_ && c == '\\') {
             if (at_ + 1 == text_.size()) return false;
             ++at_;
@@ -42,6 +48,11 @@ bool json_framer::find_end() {
         }
     }
     return false;
+}
+
+/// True at a line feed that no sound object has: inside a text, or in front of another object.
+bool json_framer::is_cut() const {
+    return in_string_ || text_[at_ + 1] == '{';
 }
 
 }  // namespace tarn

@@ -7,7 +7,8 @@
 namespace tarn {
 
 /// Cuts a stream of bytes into JSON objects, however they are spread over reads. An object begins at "{\"";
-/// what stands between objects (headers, line feeds) is dropped.
+/// what stands between objects (headers, line feeds) is dropped. A broken object ends where the next begins
+/// on a line of its own, so that it costs only itself.
 class json_framer final {
   public:
     /// Takes what a read brought and returns the newest object that is complete now; an empty text when none
@@ -20,6 +21,7 @@ class json_framer final {
   private:
     void drop_to_start();
     bool find_end();
+    [[nodiscard]] bool is_cut() const;
 
     std::string text_;
     std::size_t at_ = 0;  ///< how far the object at the front of the text has been looked through

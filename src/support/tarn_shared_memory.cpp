@@ -34,6 +34,7 @@ void remove_block(key_t key) {
 }
 
 attached_block::attached_block(int id) : id_(id) {
+    if (id < 0) return;  // the reason that errno tells is the search's
     void* const at = ::shmat(id, nullptr, 0);
     // The system's way to say "not attached" is the address -1.
     if (reinterpret_cast<std::intptr_t>(at) != -1) at_ = at;
