@@ -4,6 +4,7 @@
 #include <linux/close_range.h>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,9 +70,17 @@ void clean_inheritance() {
     ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
+/// Gives the terminal up that the agent may have been started from: a script must not be able to type into
+/// it.
+void leave_terminal() {
+    const tarn::unique_fd terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (terminal) ::ioctl(terminal.get(), TIOCNOTTY);
+}
+
 /// The whole life of the relaying process.
 [[noreturn]] void relay(const char* exec, int uid, const tarn::unique_fd& into) {
     clean_inheritance();
+    leave_terminal();
     if (!become_user(uid)) {
         std::printf("EROROR! Cannot setuid\n");
         std::fflush(stdout);
@@ -170,9 +179,11 @@ double call_exec(const char* exec, int uid, int /*gid*/, int max_seconds, int co
     ends.write.reset();
     data.agent_alerts_count = 0;
     data.value = 0.0;
-    if (::waitpid(relay_pid, nullptr, WNOHANG) < 0) {
+    siginfo_t state{};
+    // The status is left for end_relay(), and the pid with it.
+    if (::waitid(P_PID, static_cast<id_t>(relay_pid), &state, WEXITED | WNOHANG | WNOWAIT) < 0) {
         std::printf("EROROR! waitpid %d\n", errno);
-        end_relay(relay_pid, reading::late);
+        end_relay(relay_pid, reading::ended);
         return 0.0;
     }
     script_output output;
