@@ -1,7 +1,6 @@
 // Entry and life of the agent's process: configuration, pid file, signals, the parent's start and end.
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -101,37 +100,38 @@ void free_docker() {
     docker_free(config.docker);
 }
 
-/// Waits for a child that has been told to stop, but not for long: it may be in the middle of something.
-void await_end(pid_t pid) {
+/// Tells a child to stop until it has, but not for long: it may be in the middle of something. One signal
+/// alone could come just before it begins to wait.
+void end_child(pid_t pid) {
     constexpr timespec step{0, 10'000'000};
-    for (int turn = 0; turn < 100 && ::waitpid(pid, nullptr, WNOHANG) == 0; ++turn)
+    for (int turn = 0; turn < 100 && ::kill(pid, SIGTERM) == 0; ++turn)
         ::nanosleep(&step, nullptr);
 }
 
 /// A library that opened but lacks a function counts as absent, like one that did not open.
-void load_libraries() {
-    if (config.mysql_on != 0) {
-        std::printf("Mysql is on\n");
-        const std::string path(tarn::text_of(config.mysql_lib));
-        if (init_mysql_lib() != 0) {
-            std::printf("Mysql found and loaded = %s\n", path.c_str());
-        } else {
-            std::printf("ERROR loading mysql = %s\n", path.c_str());
-            if (config.mysql_handle != nullptr) std::printf("Closing libmysql\n");
-            tarn::close_library(config.mysql_handle);
-        }
+void load_mysql() {
+    std::printf("Mysql is on\n");
+    const std::string path(tarn::text_of(config.mysql_lib));
+    if (init_mysql_lib() != 0) {
+        std::printf("Mysql found and loaded = %s\n", path.c_str());
+        return;
     }
-    if (config.postgre_on != 0) {
-        std::printf("Postrgre is on\n");
-        const std::string path(tarn::text_of(config.postgre_lib));
-        if (init_postgre_lib() != 0) {
-            std::printf("Postgre found and loaded = %s\n", path.c_str());
-        } else {
-            std::printf("Error loading postgre = %s\n", path.c_str());
-            if (config.postgre_handle != nullptr) std::printf("Closing libpostgre\n");
-            tarn::close_library(config.postgre_handle);
-        }
+    std::printf("ERROR loading mysql = %s\n", path.c_str());
+    if (config.mysql_handle != nullptr) std::printf("Closing libmysql\n");
+    tarn::close_library(config.mysql_handle);
+}
+
+/// As load_mysql().
+void load_postgre() {
+    std::printf("Postrgre is on\n");
+    const std::string path(tarn::text_of(config.postgre_lib));
+    if (init_postgre_lib() != 0) {
+        std::printf("Postgre found and loaded = %s\n", path.c_str());
+        return;
     }
+    std::printf("Error loading postgre = %s\n", path.c_str());
+    if (config.postgre_handle != nullptr) std::printf("Closing libpostgre\n");
+    tarn::close_library(config.postgre_handle);
 }
 
 void close_libraries() {
@@ -148,15 +148,18 @@ void close_libraries() {
 
 /// Runs the process that samples and reports, to its end. `pid` is the child to stop then, 0 for none.
 void parentThread(pid_t pid) {
-    load_libraries();
+    // Nobody asks for the status of a child; where the agent is the first process of a container, what
+    // scripts leave behind becomes its child, too.
+    std::signal(SIGCHLD, SIG_IGN);
+    if (config.mysql_on != 0) load_mysql();
+    if (config.postgre_on != 0) load_postgre();
     setCoreCounters();
     initCounters(std::time(nullptr));
     main_loop();
     freeCounters();
     if (pid != 0) {
         std::printf("Killing child...\n");
-        ::kill(pid, SIGTERM);
-        await_end(pid);
+        end_child(pid);
     }
     close_libraries();
     free_docker();
@@ -165,12 +168,13 @@ void parentThread(pid_t pid) {
     pid_remove();
 }
 
-/// Runs the process that runs the scripts, to its end.
-void childThread() {
+/// Runs the process that runs the scripts, to its end. `parent` is the process that it belongs to.
+void childThread(pid_t parent) {
     // A stop signal to the whole group comes to this process twice, the second time from the parent; and a
     // parent that dies without a word must not leave it behind.
     catch_signal(SIGTERM, 0);
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) stop = 1;
     initCustomsCounters(std::time(nullptr));
     ::sleep(1);
     customs_loop();
@@ -180,15 +184,17 @@ void childThread() {
 /// Splits off the script process. Returns the exit status.
 int run_with_scripts() {
     std::fflush(nullptr);
+    const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
+        docker_free(config.docker);
         std::printf("ERROR: Can't fork\n");
         trace("removing pid\n");
         pid_remove();
         return EXIT_FAILURE;
     }
     if (pid == 0) {
-        childThread();
+        childThread(parent);
     } else {
         parentThread(pid);
     }
@@ -199,6 +205,7 @@ int run_with_scripts() {
 int run_with_docker() {
     const pid_t pid = ::fork();
     if (pid < 0) {
+        docker_free(config.docker);
         std::printf("Can't fork docker child\n");
         return EXIT_SUCCESS;
     }
@@ -206,8 +213,6 @@ int run_with_docker() {
         dockerThread();
         return EXIT_SUCCESS;
     }
-    // That process ends when it likes, and nobody asks for its status.
-    std::signal(SIGCHLD, SIG_IGN);
     std::printf("Successfully forked docker child pid = %d\n", pid);
     parentThread(0);
     return EXIT_SUCCESS;
@@ -227,6 +232,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     // A reader of the messages that goes away must not take the agent with it.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL);
     if (::getuid() != 0) {
         std::printf("ERROR: you must be root!\n");
         return EXIT_FAILURE;
