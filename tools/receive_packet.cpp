@@ -10,7 +10,8 @@ namespace {
 constexpr std::size_t smallest_document = 5;
 constexpr std::size_t signature_length = std::tuple_size_v<tarn_signature>;
 
-/// Reports are four levels deep; a document nested beyond this was not made by an agent.
+/// Reports are four levels deep; a document nested beyond this was not made by an agent. Neither was one with
+/// code in it, whose scope the library would follow to any depth.
 constexpr int deepest_level = 32;
 
 std::uint32_t own_length(std::span<const std::uint8_t> packet) {
@@ -23,6 +24,7 @@ std::uint32_t own_length(std::span<const std::uint8_t> packet) {
 bool is_shallow(bson_iter_t& elements, int levels) {
     if (levels == 0) return false;
     while (bson_iter_next(&elements)) {
+        if (BSON_ITER_HOLDS_CODEWSCOPE(&elements)) return false;
         if (!BSON_ITER_HOLDS_DOCUMENT(&elements) && !BSON_ITER_HOLDS_ARRAY(&elements)) continue;
         bson_iter_t children;
         if (!bson_iter_recurse(&elements, &children) || !is_shallow(children, levels - 1)) return false;

@@ -221,11 +221,13 @@ void usage() {
 
 std::optional<std::string> read_secret(const char* path) {
     const auto text = tarn::read_file(path);
-    if (!text) {
-        std::fprintf(stderr, "tarn-receive: cannot read %s\n", path);
+    const std::string_view secret = text ? text->substr(0, text->find('\n')) : std::string_view();
+    if (secret.empty()) {
+        // Without a secret every packet would be good.
+        std::fprintf(stderr, "tarn-receive: no secret in %s\n", path);
         return std::nullopt;
     }
-    return std::string(text->substr(0, text->find('\n')));
+    return std::string(secret);
 }
 
 std::optional<output> format_of(std::string_view word) {
