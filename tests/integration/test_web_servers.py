@@ -100,7 +100,7 @@ def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, web):
     assert sum(report["Nginx_open"]["rps"] for report in reports) == 101 + 3 * len(reports)
     assert sum(report["Apache_main"]["tA"] for report in reports) == 100 + len(reports)
     assert last["Apache_main"]["bW"] == 1 and last["Apache_main"]["sc_W"] == 1 and last["Apache_main"]["iW"] > 0
-    assert last["Nginx_secret"]["active"] >= 1 and last["Nginx_open"]["writing"] == 1
+    assert last["Nginx_secret"]["active"] >= 1 and last["Nginx_open"]["writing"] >= 1
     assert last["Nginx_page"] == {"report": "Nginx", "id": "page", "ok": 1, "rps": 0.0, "active": 0, "reading": 0,
                                   "writing": 0, "keepalive": 0}
     assert max(report["FPM_tcp"]["active"] for report in reports) == 2  # the script, and the one that answers
