@@ -3,16 +3,17 @@
 import socket
 import threading
 import time
+from pathlib import Path
 
 
 class FakeServer:
     """Listens on a port of its own and gives every connection to `behaviour(peer, number)`. What the peers sent
     first is kept."""
 
-    def __init__(self, behaviour, path=None):
+    def __init__(self, behaviour, path=None, host="127.0.0.1"):
         self.behaviour, self.requests, self.number = behaviour, [], 0
         self.listener = socket.socket(socket.AF_UNIX if path else socket.AF_INET)
-        self.listener.bind(str(path) if path else ("127.0.0.1", 0))
+        self.listener.bind(str(path) if path else (host, 0))
         self.listener.listen(64)
         self.port = None if path else self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
@@ -74,6 +75,21 @@ def saying(text):
         server.read(peer)
         peer.sendall(text)
     return behaviour
+
+
+def saying_in_turn(*texts):
+    """Answers the requests of a connection one after the other, and keeps it."""
+    def behaviour(server, peer, _):
+        for text in texts:
+            server.read(peer)
+            peer.sendall(text)
+        server.read(peer)
+    return behaviour
+
+
+def captured(name):
+    """What a real server answered."""
+    return (Path(__file__).parents[1] / "captures" / name).read_bytes()
 
 
 def cutting(text):

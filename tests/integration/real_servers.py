@@ -116,15 +116,15 @@ class MariaDb(Server):
 
     def command(self):
         return ["mariadbd", "--no-defaults", f"--datadir={self.directory}/data", f"--port={self.port}",
-                "--bind-address=127.0.0.1", f"--socket={self.path}", f"--pid-file={self.directory}/pid"]
+                f"--socket={self.path}", f"--pid-file={self.directory}/pid"]
 
     def sql(self, statements):
         return run("mariadb", "--no-defaults", f"--socket={self.path}", "-uroot", "-N", "-B", "-e", statements).decode()
 
     def start(self):
         super().start()
-        self.sql("create user if not exists tarn@localhost identified by 'pw'; create database if not exists d;"
-                 "grant process, replication client, slave monitor on *.* to tarn@localhost;"
+        self.sql("create user if not exists tarn identified by 'pw'; create database if not exists d;"
+                 "drop user if exists ''@localhost; grant process, replication client, slave monitor on *.* to tarn;"
                  "create table if not exists d.t (n int) engine=innodb")
 
 

@@ -8,8 +8,8 @@ from pathlib import Path
 
 import pytest
 
-from fake_server import FakeServer, saying
-from real_servers import Redis, Server, run
+from fake_server import FakeServer, captured, saying, saying_in_turn
+from real_servers import MariaDb, Redis, Server, run
 from tarn_host import Agent, Collector, shm_keys, wait_for
 
 SOCKET = Path("/run/docker.sock")
@@ -213,32 +213,70 @@ class Docker(Server):
         super().close()
 
 
-def test_real_containers(tmp_path):
+@pytest.fixture(scope="module")
+def docker():
     engine = Docker()
-    try:
-        engine.run("busy", "while :; do :; done")
-        engine.run("store", "while :; do echo uptime_in_seconds:77 | busybox nc -l -p 6379; done")
-        engine.run("idle", "exec busybox sleep 1000")
-        engine.run("stopped", "exit 0")
-        run(*engine.client, "pause", "idle")
-        names = ("busy", "store", "idle", "stopped")
-        with Collector() as collector, Agent(tmp_path, collector.config(lines(names, 6379)), "--debug") as agent:
-            def busy():
-                report = collector.report()
-                return report if report.get("docker", {}).get("busy", {}).get("cpu_usage", 0) > 50 else None
-            report = wait_for(busy, 30)
-            states = {name: item["state"] for name, item in report["docker"].items()}
-            # A paused container runs, to the engine; that comes first.
-            assert states == {"busy": "running", "store": "running", "idle": "running", "stopped": "exited"}
-            assert report["docker"]["store"]["cpu_usage"] < 5
-            assert report["redises"]["store"]["uptime"] == 77
-            run(*engine.client, "kill", "store")
-            wait_for(lambda: collector.report()["docker"]["store"]["state"] == "exited")
-            wait_for(lambda: "store" not in collector.report()["redises"])
-            run(*engine.client, "start", "store")
-            wait_for(lambda: "store" in collector.report()["redises"])
-            assert agent.stop()[0] == 0
-        assert not {KEY - 1, KEY} & set(shm_keys())
-        assert "[redis] Cannot resolve IP for container 'stopped'\n" in agent.text
-    finally:
-        engine.close()
+    yield engine
+    engine.close()
+
+
+def test_real_containers(tmp_path, docker):
+    docker.run("busy", "while :; do :; done")
+    docker.run("store", "while :; do echo uptime_in_seconds:77 | busybox nc -l -p 6379; done")
+    docker.run("idle", "exec busybox sleep 1000")
+    docker.run("stopped", "exit 0")
+    run(*docker.client, "pause", "idle")
+    names = ("busy", "store", "idle", "stopped")
+    with Collector() as collector, Agent(tmp_path, collector.config(lines(names, 6379)), "--debug") as agent:
+        def busy():
+            report = collector.report()
+            return report if report.get("docker", {}).get("busy", {}).get("cpu_usage", 0) > 50 else None
+        report = wait_for(busy, 30)
+        states = {name: item["state"] for name, item in report["docker"].items()}
+        # A paused container runs, to the engine; that comes first.
+        assert states == {"busy": "running", "store": "running", "idle": "running", "stopped": "exited"}
+        assert report["docker"]["store"]["cpu_usage"] < 5
+        assert report["redises"]["store"]["uptime"] == 77
+        run(*docker.client, "kill", "store")
+        wait_for(lambda: collector.report()["docker"]["store"]["state"] == "exited")
+        wait_for(lambda: "store" not in collector.report()["redises"])
+        run(*docker.client, "start", "store")
+        wait_for(lambda: "store" in collector.report()["redises"])
+        assert agent.stop()[0] == 0
+    assert not {KEY - 1, KEY} & set(shm_keys())
+    assert "[redis] Cannot resolve IP for container 'stopped'\n" in agent.text
+
+
+def test_a_name_in_brackets_serves_for_every_kind_that_takes_one(tmp_path, docker, redis):
+    """The services are the host's; a container passes every connection on to them, in pieces of its own, so that
+    answers which are read once or until a short read are short."""
+    pools = {"nodes": {"node-7": {"thread_pool": {"search": {"queue": 3, "active": 2}}}}}
+    behaviours = {6379: saying(captured("redis_info.txt")[:600]), 11211: saying(captured("memcached_stats.txt")),
+                  80: saying(captured("nginx_status.txt")), 9000: saying(captured("fpm_answer.bin")),
+                  15672: saying_in_turn(HEAD + b'[{"running":true}]', HEAD + b'[{"messages":3},{"messages":4}]'),
+                  9200: saying_in_turn(HEAD + json.dumps(pools).encode(), captured("elastic_health.txt"))}
+    servers = {port: FakeServer(behaviour, host="0.0.0.0") for port, behaviour in behaviours.items()}
+    servers[3306] = MariaDb()
+    forward = "; ".join(f"busybox nc -ll -p {port} -e busybox nc 172.17.0.1 {server.port} &"
+                        for port, server in servers.items()).replace("&;", "&")
+    docker.run("hub", forward + " wait")
+    config = """mysql_lib libmariadb.so.3
+redis_a u:@[hub]:6379
+memcache [hub]:11211
+mysql_a tarn:pw@[hub]:3306
+nginx_a [hub]:80/status localhost
+fpm_a [hub]:9000 /status
+rabbit_a u:p@[hub]:15672
+elastic_a [hub]:9200 node-7
+"""
+    with Collector() as collector, Agent(tmp_path, collector.config(config)):
+        def complete():
+            report = collector.report(20)
+            found = {name for family in ("redises", "memcaches", "mysqls", "mycustoms") for name in dict(report[family])}
+            return found == {"a", "[hub]:11211", "Nginx_a", "FPM_a", "Rabbit_a", "Elastic_a"} and report
+        report = wait_for(complete, 30)
+    assert report["mysqls"]["a"]["innodb_pool"] > 0 and report["redises"]["a"]["uptime"] == 2
+    assert report["mycustoms"]["Rabbit_a"]["queues_sum_len"] == 7 and report["mycustoms"]["FPM_a"]["total"] == 3
+    assert report["mycustoms"]["Elastic_a"]["threads_search_queue"] == 3
+    assert report["docker"]["hub"]["state"] == "running"
+    servers[3306].close()
