@@ -42,8 +42,12 @@ class Server:
     def prepare(self):
         pass
 
-    def command(self):
-        raise NotImplementedError
+    def configure(self, name, **values):
+        """Writes a configuration file with the places and ports of this server."""
+        text = (Path(__file__).parent / "servers" / name).read_text()
+        for word, value in {"directory": self.directory, "port": self.port, **values}.items():
+            text = text.replace(f"@{word}@", str(value))
+        (self.directory / name).write_text(text)
 
     def ready(self):
         return answers(self.port)
@@ -196,25 +200,7 @@ class Searchd(Server):
 
     def prepare(self):
         (self.directory / "documents.tsv").write_text("1\thello world\n2\tgood bye\n")
-        (self.directory / "sphinx.conf").write_text(f"""
-source s {{
-    type = tsvpipe
-    tsvpipe_command = cat {self.directory}/documents.tsv
-    tsvpipe_field = text
-}}
-index i {{
-    source = s
-    path = {self.directory}/i
-}}
-searchd {{
-    listen = 127.0.0.1:{self.port}:mysql41
-    pid_file = {self.directory}/pid
-    log = {self.directory}/log
-    query_log = {self.directory}/query_log
-    binlog_path =
-    workers = threads
-}}
-""")
+        self.configure("sphinx.conf")
         run("indexer", "-c", self.directory / "sphinx.conf", "--all")
 
     def command(self):
@@ -246,15 +232,7 @@ class PhpFpm(Server):
 
     def prepare(self):
         (self.directory / "sleep.php").write_text("<?php sleep(4);")
-        pools = "".join(f"""[{name}]
-user = www-data
-group = www-data
-listen = {place}
-pm = static
-pm.max_children = 3
-pm.status_path = /status
-""" for name, place in (("tcp", f"127.0.0.1:{self.port}"), ("local", self.directory / "socket")))
-        (self.directory / "fpm.conf").write_text(f"[global]\nerror_log = {self.directory}/log\n{pools}")
+        self.configure("fpm.conf")
 
     def command(self):
         return ["php-fpm8.2", "-F", "-n", "-y", self.directory / "fpm.conf"]
@@ -270,33 +248,7 @@ class Nginx(Server):
     def prepare(self):
         password = run("openssl", "passwd", "-apr1", "pw").decode().strip()
         (self.directory / "users").write_text(f"tarn:{password}\n")
-        (self.directory / "nginx.conf").write_text(f"""
-daemon off;
-user root;
-worker_processes 1;
-pid {self.directory}/pid;
-error_log {self.directory}/log;
-events {{ }}
-http {{
-    access_log off;
-    client_body_temp_path {self.directory}/body;
-    proxy_temp_path {self.directory}/proxy;
-    fastcgi_temp_path {self.directory}/fastcgi;
-    uwsgi_temp_path {self.directory}/uwsgi;
-    scgi_temp_path {self.directory}/scgi;
-    server {{
-        listen 127.0.0.1:{self.port};
-        location = / {{ return 200 "hello"; }}
-        location /status {{ stub_status; }}
-        location /secret {{ stub_status; auth_basic x; auth_basic_user_file {self.directory}/users; }}
-        location ~ \\.php$ {{
-            fastcgi_pass 127.0.0.1:{self.php.port};
-            fastcgi_param SCRIPT_FILENAME {self.php.directory}$fastcgi_script_name;
-            fastcgi_param REQUEST_METHOD $request_method;
-        }}
-    }}
-}}
-""")
+        self.configure("nginx.conf", php_port=self.php.port, php_directory=self.php.directory)
 
     def command(self):
         return ["nginx", "-c", self.directory / "nginx.conf", "-e", self.directory / "log"]
@@ -309,24 +261,7 @@ class Apache(Server):
     def prepare(self):
         (self.directory / "html").mkdir()
         (self.directory / "html/index.html").write_text("hello")
-        modules = "".join(f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n"
-                          for name in ("mpm_event", "authz_core", "status", "dir"))
-        (self.directory / "httpd.conf").write_text(f"""{modules}
-ServerName localhost
-ServerRoot {self.directory}
-DefaultRuntimeDir {self.directory}
-DocumentRoot {self.directory}/html
-PidFile {self.directory}/pid
-ErrorLog {self.directory}/log
-Listen 127.0.0.1:{self.port}
-User www-data
-Group www-data
-ExtendedStatus On
-StartServers 1
-<Location "/server-status">
-    SetHandler server-status
-</Location>
-""")
+        self.configure("httpd.conf")
 
     def command(self):
         return ["apache2", "-f", self.directory / "httpd.conf", "-DFOREGROUND"]
@@ -340,9 +275,7 @@ class RabbitMq(Server):
 
     def prepare(self):
         (self.directory / "enabled_plugins").write_text("[rabbitmq_management].\n")
-        (self.directory / "rabbitmq.conf").write_text(
-            f"management.tcp.ip = 127.0.0.1\nmanagement.tcp.port = {self.port}\nlisteners.tcp.1 = 127.0.0.1:{free_port()}\n"
-            "disk_free_limit.absolute = 50MB\n")
+        self.configure("rabbitmq.conf", amqp_port=free_port())
 
     def environment(self):
         return {**super().environment(), "RABBITMQ_NODENAME": "tarn@localhost", "RABBITMQ_LOG_BASE": str(self.directory),
