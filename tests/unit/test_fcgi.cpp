@@ -1,0 +1,57 @@
+#include "services/tarn_fcgi.h"
+#include "test_helpers.h"
+
+namespace {
+
+/// A record of an answer.
+std::string record_of(char type, const std::string& content, std::size_t padding) {
+    const char length[] = {static_cast<char>(content.size() >> 8), static_cast<char>(content.size())};
+    return std::string("\1") + type + std::string("\0\1", 2) + std::string(length, 2) +
+           static_cast<char>(padding) + '\0' + content + std::string(padding, 'p');
+}
+
+}  // namespace
+
+TEST(Fcgi, ParametersByteByByte) {
+    const auto encoded = [](const std::string& name, const std::string& value) {
+        std::string pair;
+        const std::size_t length = serialize_name_value(pair, {name, value});
+        return fields(length, pair);
+    };
+    EXPECT_EQ(encoded("SCRIPT_NAME", "/s"), "15|\x0B\x02SCRIPT_NAME/s");
+    const std::string longest(200, 'v');
+    EXPECT_EQ(encoded("N", longest), "206|" + std::string("\x01\xC8\0\0\0N", 6) + longest);
+    EXPECT_EQ(encoded(longest.substr(0, 127), ""),
+              "129|" + std::string("\x7F\0", 2) + longest.substr(0, 127));
+}
+
+TEST(Fcgi, AnswersMayBeSplitAnywhere) {
+    const std::string output = record_of(6, "accepted conn: 120\n", 3);
+    const std::string answer = output + record_of(3, "12345678", 0);
+    for (std::size_t split = 0; split <= answer.size(); ++split) {
+        fcgi_record record;
+        std::span<const char> first(answer.data(), split);
+        std::span<const char> second(answer.data() + split, answer.size() - split);
+        const bool whole = fcgi_process_record(first, record) == fcgi_progress::complete;
+        EXPECT_EQ(whole, split >= output.size()) << split;
+        EXPECT_TRUE(whole || fcgi_process_record(second, record) == fcgi_progress::complete) << split;
+        EXPECT_EQ(first.size() + second.size(), 16U);
+        EXPECT_EQ(fields(record.state, int{record.header.type}, record.content), "11|6|accepted conn: 120\n");
+    }
+}
+
+TEST(Fcgi, LengthsNeverLeadBeyondTheBytes) {
+    // Progress, state, bytes that are left: a head and no more, a whole record, cut content, cut padding.
+    const std::pair<std::string, const char*> rows[] = {
+        {record_of(6, "", 0), "1|8|0"},
+        {record_of(6, "", 0) + "x", "2|11|1"},
+        {std::string("\1\6\0\1\xFF\xFF\xFF\0short", 13), "1|9|0"},
+        {record_of(6, "abc", 5).substr(0, 13), "1|10|0"},
+        {"", "1|0|0"}};
+    for (const auto& [bytes, expected] : rows) {
+        fcgi_record record;
+        std::span<const char> rest(bytes);
+        const fcgi_progress progress = fcgi_process_record(rest, record);
+        EXPECT_EQ(fields(static_cast<int>(progress), record.state, rest.size()), expected);
+    }
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <bson/bson.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "record/tarn_config.h"
+#include "record/tarn_records.h"
+#include "report/tarn_bson.h"
+#include "support/tarn_text.h"
+
+/// The values as one text, "|" between them, so that a row of them is compared in one go.
+template <typename First, typename... Rest>
+std::string fields(const First& first, const Rest&... rest) {
+    std::ostringstream text;
+    text << first;
+    ((text << '|' << rest), ...);
+    return text.str();
+}
+
+/// What a call prints.
+template <typename Call>
+std::string printed_by(Call call) {
+    testing::internal::CaptureStdout();
+    call();
+    return testing::internal::GetCapturedStdout();
+}
+
+/// A document as a reader sees it, the types of its elements with them. The document is released.
+inline std::string printed_document(bson_t& document) {
+    const std::string text = printed_by([&] { print_report({bson_get_data(&document), document.len}, 0); });
+    bson_destroy(&document);
+    return text;
+}
+
+/// Compares with the kept text. TARN_REWRITE_GOLDEN=1 in the environment keeps this one instead.
+inline void expect_golden(const std::string& name, const std::string& text) {
+    const std::string path = std::string(GOLDEN_DIR) + "/" + name;
+    if (std::getenv("TARN_REWRITE_GOLDEN") != nullptr) std::ofstream(path) << text;
+    std::stringstream kept;
+    kept << std::ifstream(path).rdbuf();
+    EXPECT_EQ(kept.str(), text);
+}
+
+/// A counter with the blocks of its kind: zero-filled ones, or what init makes of a configuration text.
+template <typename Record>
+struct counter_of {
+    tarn_mycustom_counter counter{};
+    std::string printed;
+
+    counter_of() { tarn::allocate_records<Record>(counter); }
+    counter_of(std::string_view text, mycustom_init init) {
+        init_config();
+        tarn::fill_text(counter.cfg_string, text);
+        printed = printed_by([&] { init(counter); });
+    }
+    counter_of(const counter_of&) = delete;
+    counter_of& operator=(const counter_of&) = delete;
+    ~counter_of() { tarn::release_records<Record>(counter); }
+    Record& data() { return tarn::data_of<Record>(counter); }
+    Record& delta() { return tarn::data_delta_of<Record>(counter); }
+};
