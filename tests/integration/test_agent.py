@@ -176,6 +176,16 @@ def test_name_servers_are_asked_in_turn_and_the_last_good_answer_stays(tmp_path)
     assert len(first.asked) >= 2 and len(second.asked) >= 2
 
 
+def test_a_dead_name_server_does_not_delay_a_stop(tmp_path):
+    with Collector() as collector:
+        config = collector.config("domain c.test.example\nnameserver 127.0.0.4\n")
+        with Agent(tmp_path, config, "--debug") as agent:
+            wait_for(lambda: agent.text.count("Main loop iteration") == 2)
+            time.sleep(0.5)  # it asks now
+            status, seconds = agent.stop()
+    assert status == 0 and seconds < 2 and "Updating server ip via 127.0.0.4... error 2" in agent.text
+
+
 def test_a_domain_without_name_servers_goes_to_the_system_resolver(tmp_path):
     with Collector() as collector:
         config = collector.config("domain localhost\n").replace("address 127.0.0.1", "address 127.0.0.99")
