@@ -109,17 +109,17 @@ bool wait_for_output(const tarn::unique_fd& from, clock_type::time_point deadlin
            0;
 }
 
-/// Reads the output until it ends or the buffer is full. One time budget covers all waits.
+/// Reads the output until it ends, or goes on where the buffer is full. One time budget covers all waits.
 reading read_output(const tarn::unique_fd& from, int max_seconds, script_output& output) {
     const auto deadline = clock_type::now() + std::chrono::seconds(max_seconds);
-    while (output.length < output.text.size()) {
-        if (!wait_for_output(from, deadline)) return reading::late;
+    while (wait_for_output(from, deadline)) {
+        if (output.length == output.text.size()) return reading::full;
         const ssize_t got =
             ::read(from.get(), output.text.data() + output.length, output.text.size() - output.length);
         if (got <= 0) return reading::ended;
         output.length += static_cast<std::size_t>(got);
     }
-    return reading::full;
+    return reading::late;
 }
 
 /// Judges a run by its output, and says why when it failed.
