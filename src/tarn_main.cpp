@@ -46,7 +46,8 @@ void open_standard_streams() {
 
 /// Writes the process id, without a line feed. A file that cannot be created is not missed.
 void pid_create() {
-    const tarn::unique_fd file(::open(pid_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+    const tarn::unique_fd file(::open(pid_path,
+                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                       S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
     if (file) ::dprintf(file.get(), "%u", static_cast<unsigned>(::getpid()));
 }

@@ -5,7 +5,7 @@
 namespace {
 
 /// Longer words are cut.
-constexpr std::size_t word_limit = 256;
+constexpr std::size_t word_limit = 255;
 
 }  // namespace
 
@@ -22,6 +22,7 @@ config_line split_config_line(std::string_view raw) {
     line.text = raw.substr(std::min(raw.find_first_not_of(tarn::blanks), raw.size()));
     tarn::scanner words(line.text);
     line.key = words.word().substr(0, word_limit);
-    line.value = words.word().substr(0, word_limit);
+    line.whole_value = words.word();
+    line.value = line.whole_value.substr(0, word_limit);
     return line;
 }

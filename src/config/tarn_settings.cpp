@@ -35,6 +35,12 @@ line_result whole_text(const config_line& line) {
     return line_result::taken;
 }
 
+/// A secret may be longer than other words: 256 characters, which fill its field.
+line_result secret(const config_line& line) {
+    tarn::fill_text(config.secret, line.whole_value);
+    return line_result::taken;
+}
+
 /// One more text of a list; what a full list cannot hold is dropped.
 template <auto List, auto Count>
 line_result one_more(const config_line& line) {
@@ -104,7 +110,7 @@ constexpr setting settings[] = {
     {"interval", key_match::exact, number<&tarn_config::interval>},
     {"port", key_match::exact, number<&tarn_config::port>},
     {"nameserver", key_match::exact, one_more<&tarn_config::dns_servers, &tarn_config::dns_servers_count>},
-    {"secret", key_match::exact, whole_text<&tarn_config::secret>},
+    {"secret", key_match::exact, secret},
     {"mysql_connect_to", key_match::exact, number<&tarn_config::mysql_connect_to>},
     {"mysql_read_to", key_match::exact, number<&tarn_config::mysql_read_to>},
     {"mysql_write_to", key_match::exact, number<&tarn_config::mysql_write_to>},

@@ -119,11 +119,11 @@ TEST_F(Config, CounterLinesAreRegisteredUpToTheCapacityOfTheirFamily) {
 
 TEST_F(Config, LongWordsAndLinesAreCut) {
     const std::string word(5000, 'w');
-    EXPECT_EQ(
-        read("secret " + word + "\nserver_name " + word + "\nid 3\n" + std::string(4095, 'w') + "id 4\n"),
-        "0|");
-    EXPECT_EQ(fields(tarn::text_of(config.secret), config.server_name, config.id),
-              fields(std::string(256, 'w'), std::string(99, 'w'), 3));
+    EXPECT_EQ(read("secret " + word + "\ndomain " + word + "\nserver_name " + word + "\nid 3\n" +
+                   std::string(4095, 'w') + "id 4\n"),
+              "0|");
+    EXPECT_EQ(fields(tarn::text_of(config.secret), config.serverName, config.server_name, config.id),
+              fields(std::string(256, 'w'), std::string(255, 'w'), std::string(99, 'w'), 3));
 }
 
 TEST_F(Config, ExtraFilesAreReadInOrderUpToTheFirstFailure) {
