@@ -2,6 +2,7 @@
 // cluster's health with its status and shard counts.
 #include "services/tarn_elastic.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "record/tarn_rates.h"
@@ -19,6 +20,8 @@ struct health {
     int code;
 };
 constexpr health healths[] = {{"green", 3}, {"yellow", 2}, {"red", 1}};
+
+constexpr std::size_t most_path = 255;
 
 constexpr tarn::bson_row<data_elastic> rows[] = {
     {"ok", tarn::as_int64<&data_elastic::ok>},
@@ -62,6 +65,7 @@ std::string tarn_elastic_construct_api_request(const std::string& path) {
 bool read_pools(const tarn::unique_fd& socket, data_elastic& data) {
     std::string path = "/_nodes/";
     path.append(data.node_name).append("/stats/thread_pool");
+    path.resize(std::min(path.size(), most_path));
     auto body = tarn::fetch_body("elastic", socket, tarn_elastic_construct_api_request(path));
     if (!body) std::printf("[elastic] Response for /_nodes/.../stats/thread_pool is NULL\n");
     return body && elastic_parse_node_items(std::move(*body), data) != 0;

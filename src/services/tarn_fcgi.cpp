@@ -19,9 +19,8 @@ constexpr std::uint8_t type_begin_request = 1;
 constexpr std::uint8_t type_parameters = 4;
 constexpr std::uint8_t role_responder = 1;
 
-constexpr std::size_t receive_size = 4999;
-/// The largest record that there can be: head, content, padding.
-constexpr std::size_t most_answer = 8 + 65535 + 255;
+/// All that is received of an answer; a status page is a few hundred bytes.
+constexpr std::size_t most_answer = 4999;
 
 fcgi_header create_header(std::uint8_t type, std::uint16_t request_id, std::size_t content_len) {
     fcgi_header header;
@@ -98,11 +97,11 @@ std::span<const char> receive(const tarn::unique_fd& socket, std::span<char> buf
 void read_answer(const tarn::unique_fd& socket, const fcgi_use_record& use) {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max(config.counter_tcp_to, 1));
-    std::array<char, receive_size> buffer;
+    std::array<char, most_answer> buffer;
     std::size_t total = 0;
     fcgi_record record;
     while (total < most_answer && std::chrono::steady_clock::now() < deadline) {
-        std::span<const char> bytes = receive(socket, buffer);
+        std::span<const char> bytes = receive(socket, std::span(buffer).subspan(total));
         if (bytes.empty()) return;
         total += bytes.size();
         if (fcgi_process_record(bytes, record) == fcgi_progress::incomplete) continue;

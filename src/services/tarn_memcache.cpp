@@ -94,12 +94,11 @@ bool sample(data_memcache& data) {
 int memcache_parse_conf(tarn_mycustom_counter& counter, tarn_mycustom_data_memcache& data) {
     const std::string_view text = tarn::text_of(counter.cfg_string);
     tarn::copy_text(counter.id, text);
-    if (text.find(':') == std::string_view::npos) return 0;
     tarn::service_conf conf(counter, ":");
     conf.word(data.ip);
     conf.port_or_socket(data.port, data.socket);
     data.in_docker = tarn::read_container(data.ip, data.docker_container_name);
-    return 1;
+    return text.find(':') == std::string_view::npos ? 0 : 1;
 }
 
 void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data) {

@@ -157,7 +157,7 @@ sphinx_closed u:secret@127.0.0.1:{free_port()}
     for text in ("[WARN] redis auth failed -WRONGPASS", "Failed to connect to mysql(tarn:***@127.0.0.1:",
                  "Failed to connect to mysql(tarn:***@127.0.0.1:(0 | )): Error: ",
                  "\nFailed to connect to postgres database: tarn *** 127.0.0.1 ", "\n\nSELECT query5 failed.\n\n",
-                 "Cannot initialize memcache on :0\n", "Failed to connect to sphinx(u:secret@127.0.0.1:"):
+                 "Cannot initialize memcache on nothing:0\n", "Failed to connect to sphinx(u:secret@127.0.0.1:"):
         assert text in agent.text
 
 
