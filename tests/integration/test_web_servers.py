@@ -101,7 +101,7 @@ def test_a_server_that_restarts_takes_only_its_own_figures_with_it(tmp_path, web
         wait_for(lambda: set(services(collector)) == EVERYTHING, 20)
         for server, (own, message) in groups.items():
             server.stop()
-            wait_for(lambda gone=own: set(services(collector)) == EVERYTHING - gone, 20)
+            assert set(dict(collector.reports_of_now()[-1]["mycustoms"])) == EVERYTHING - own
             assert message in agent.text
             server.start()
             wait_for(lambda: set(services(collector)) == EVERYTHING, 30)
