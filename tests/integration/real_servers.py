@@ -107,12 +107,14 @@ class Redis(Server):
 
 
 class MariaDb(Server):
+    """Its temporary files bear its pid, which servers in several pid namespaces share: they lie in its own directory."""
+
     def __init__(self):
         super().__init__("mariadb", "mysql")
 
     def prepare(self):
         run("mariadb-install-db", "--no-defaults", f"--datadir={self.directory}/data", "--user=mysql",
-            "--auth-root-authentication-method=normal", user=self.user)
+            f"--tmpdir={self.directory}", "--auth-root-authentication-method=normal", user=self.user)
 
     @property
     def path(self):
@@ -120,7 +122,7 @@ class MariaDb(Server):
 
     def command(self):
         return ["mariadbd", "--no-defaults", f"--datadir={self.directory}/data", f"--port={self.port}",
-                f"--socket={self.path}", f"--pid-file={self.directory}/pid"]
+                f"--socket={self.path}", f"--pid-file={self.directory}/pid", f"--tmpdir={self.directory}"]
 
     def sql(self, statements):
         return run("mariadb", "--no-defaults", f"--socket={self.path}", "-uroot", "-N", "-B", "-e", statements).decode()
