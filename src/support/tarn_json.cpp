@@ -135,6 +135,15 @@ char* rewrite_integer(char* start) {
     return end;
 }
 
+/// True when some 0, perhaps one inside a text, looks like the start of such an integer. Hardly any answer
+/// has one.
+bool may_have_other_bases(std::string_view text) {
+    for (std::size_t at = text.find('0'); at != std::string_view::npos; at = text.find('0', at + 1)) {
+        if (begins_other_base(at > 0 ? text[at - 1] : ' ', text.data() + at)) return true;
+    }
+    return false;
+}
+
 /// Integers may be octal ("010") or hexadecimal ("0x1F"), which JSON itself does not know.
 void rewrite_bases(char* text) {
     bool in_string = false;
@@ -157,8 +166,9 @@ nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start) {
                                rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
     auto tree = std::make_unique<document>();
     tree_builder builder(*tree);
-    rewrite_bases(text.data() + std::min(start, text.size()));
-    rapidjson::InsituStringStream stream(text.data() + std::min(start, text.size()));
+    char* const json = text.data() + std::min(start, text.size());
+    if (may_have_other_bases(json)) rewrite_bases(json);
+    rapidjson::InsituStringStream stream(json);
     rapidjson::Reader reader;
     if (reader.Parse<flags>(stream, builder).IsError()) return nullptr;
     return nx_json_tree(tree.release());
