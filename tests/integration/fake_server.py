@@ -92,14 +92,6 @@ def captured(name):
     return (Path(__file__).parents[1] / "captures" / name).read_bytes()
 
 
-def cutting(text):
-    """Answers with one byte more of the text at every connection."""
-    def behaviour(server, peer, number):
-        server.read(peer)
-        peer.sendall(text[:number * len(text) // 8])
-    return behaviour
-
-
 FAULTS = {"silent": silent, "mute": mute, "closing": closing, "empty": empty, "flooding": flooding,
           "garbage": saying(bytes(range(256)) * 40), "zeros": saying(b"\0" * 9000),
           "wrong": saying(b"HTTP/1.1 400 Bad Request\r\n\r\n<html>{}</html>"),

@@ -16,6 +16,12 @@ from bson.int64 import Int64
 
 BUILD = Path(os.environ.get("TARN_BUILD", Path(__file__).parents[2] / "build"))
 PID_FILE = Path("/var/run/tarn.pid")
+os.environ["LSAN_OPTIONS"] = f"print_suppressions=0:suppressions={Path(__file__).parent}/lsan.supp"
+
+
+def golden(name):
+    """A kept text that is expected byte for byte."""
+    return (Path(__file__).parent / "golden" / name).read_text()
 
 
 def wait_for(condition, seconds=15, step=0.02):
@@ -114,6 +120,12 @@ def decode(document):
     """The report as a mapping in its order; the library must be able to read it, too."""
     assert len(bson.BSON(document).decode()) > 0
     return dict(elements(document))
+
+
+def flat(report):
+    """Every service's element by its key, whatever its family."""
+    return {key: item for family in ("memcaches", "beanstalks", "mysqls", "redises", "mycustoms")
+            for key, item in dict(report[family]).items()}
 
 
 class Collector:

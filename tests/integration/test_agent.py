@@ -9,21 +9,9 @@ import time
 
 import pytest
 
-from tarn_host import BUILD, PID_FILE, Agent, Collector, FakeHost, wait_for
+from tarn_host import BUILD, PID_FILE, Agent, Collector, FakeHost, golden, wait_for
 
-HELP = """TARN 0.6.3
-  -h       print this message
-  -v       print version
-  --osver  print OS version
-  --debug  enable debug info
-  --config set config file (/etc/tarn.conf by default)
-  --conf-glob\tpattern for multi-config (/etc/tarn.d/*.conf by default)
-  --ifs    print net interfaces stats
-  --sock   print sockets stats
-"""
-OSVER = ("MyCustom Os report (0) :\n\tOS bit = \n\tOS name = \n\tOS version = \n\tOS open files = 0\n"
-         "\tOS tarn mem used = 0\n")
-SOCK = "MyCustom socket report (1) :\n\ttcp_inuse = 12\n\ttcp_tw = 40\n\ttcp_orphan = 3\n\tudp_inuse = 4\n"
+HELP, OSVER, SOCK = (golden(f"{name}.txt") for name in ("help", "osver", "sock"))
 
 
 def run(*args, **options):
@@ -51,13 +39,7 @@ def test_showconfig_prints_and_ends(tmp_path):
     now = time.localtime()
     assert banner.startswith(f"[{now.tm_year}-{now.tm_mon - 1:02}-{now.tm_mday:02} ")
     assert banner.endswith(f" {time.tzname[0]}] tarn v0.6.3 started\n")
-    assert "".join(lines) == (
-        f"Config file: {tmp_path}/tarn.conf\nExt config pattern: {tmp_path}/extra/*.conf\n"
-        "Config:\n\tdebug: 0\n\tname: \n\tid: 7\n\tUUID: \n\tServer name: \n\tProject name: \n\tinterval: 15\n"
-        "\tproto: 6\n\tport: 99\n\tdefault server ip: 10.0.0.5\n\tserver ip: \n\tdefault server name: d.example\n"
-        "\tcounter_tcp_to: 2\n\tserver_tcp_to: 4\n\tmysql_write_to: 3\n\tmysql_read_to: 3\n"
-        f"\tmysql_connect_to: 10\n\tslow_query_sec: 100\n\tconfig file: {tmp_path}/tarn.conf\n"
-        f"\t\t{tmp_path}/extra/a.conf\n")
+    assert "".join(lines) == golden("showconfig.txt").replace("@directory@", str(tmp_path))
     assert not PID_FILE.exists()
 
 

@@ -1,14 +1,12 @@
 """Data stores, on real servers and on scripted ones: figures under a known load, faults, restarts."""
 
 import subprocess
-import time
 from pathlib import Path
 
 import pytest
 
-from fake_server import FAULTS, FakeServer, cutting
 from real_servers import Beanstalkd, MariaDb, Memcached, Postgres, Redis, Searchd, free_port
-from tarn_host import Agent, Collector, children, wait_for
+from tarn_host import Agent, Collector, children, flat, wait_for
 
 
 class Stores:
@@ -54,12 +52,6 @@ def stores():
     yield servers
     for server in servers.all:
         server.close()
-
-
-def flat(report):
-    """Every service's element by its key, whatever its family."""
-    return {key: item for family in ("memcaches", "beanstalks", "mysqls", "redises", "mycustoms")
-            for key, item in dict(report[family]).items()}
 
 
 def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, stores):
@@ -161,50 +153,6 @@ sphinx_closed u:secret@127.0.0.1:{free_port()}
         assert text in agent.text
 
 
-@pytest.mark.parametrize("fault", FAULTS)
-def test_a_faulty_peer_harms_no_other_counter(tmp_path, stores, fault):
-    with FakeServer(FAULTS[fault]) as peer, Collector() as collector:
-        address = f"127.0.0.1:{peer.port}"
-        config = f"""counter_tcp_to 1
-mysql_connect_to 1
-mysql_read_to 1
-mysql_lib libmariadb.so.3
-postgre_lib libpq.so.5
-redis_bad user:@{address}
-memcache {address}
-beanstalk {address}
-mysql_bad u:p@{address}
-sphinx_bad u:p@{address}
-postgresql_bad u:p@{address}
-redis_good user:@127.0.0.1:{stores.redis.port}
-"""
-        with Agent(tmp_path, collector.config(config)) as agent:
-            start = time.monotonic()
-            reports = [flat(collector.report(25)) for _ in range(2)]
-            took = time.monotonic() - start
-            assert all("good" in report for report in reports)
-            assert not {"Postgre_bad", "Sphinx_bad"} & set(reports[-1])
-            assert took < 35
-            if fault in ("silent", "mute", "closing"):
-                assert set(reports[-1]) <= {"good", address, "bad"}
-            assert len(list(Path(f"/proc/{agent.pid}/fd").iterdir())) < 12
-            agent.stop()
-    if fault == "silent":
-        assert b"info\r\n" in peer.requests and b"stats\r\n" in peer.requests
-
-
-def test_a_reply_may_be_cut_anywhere(tmp_path):
-    text = b"STAT cmd_get 12\r\nSTAT cmd_set 13\r\nuptime: 5\ncmd-put: 6\nused_memory:77\r\nrole:slave\r\n"
-    with FakeServer(cutting(text)) as peer, Collector() as collector:
-        config = f"memcache 127.0.0.1:{peer.port}\nbeanstalk 127.0.0.1:{peer.port}\nredis_r u:@127.0.0.1:{peer.port}\n"
-        with Agent(tmp_path, collector.config(config)):
-            assert len(collector.reports(3)) == 3
-
-
-LIBRARY = """
-#define STUB(name) long name(void) { return 0; }
-%s
-"""
 MYSQL = ("mysql_init mysql_close mysql_error mysql_real_connect mysql_query mysql_store_result mysql_fetch_row "
          "mysql_num_fields mysql_free_result mysql_options").split()
 PQ = ("PQconnectdb PQsetdbLogin PQstatus PQexec PQgetvalue PQresultStatus PQntuples PQnfields PQfname PQerrorMessage "
@@ -215,7 +163,7 @@ def stub_library(directory, names):
     """A library with nothing but these functions."""
     path = directory / "libstub.so"
     subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", str(path)], check=True,
-                   input=(LIBRARY % " ".join(f"STUB({name})" for name in names)).encode())
+                   input="".join(f"long {name}(void) {{ return 0; }}\n" for name in names).encode())
     return path
 
 

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from fake_server import FAULTS, FakeServer, captured, saying, saying_in_turn
+from fake_server import FakeServer, captured, saying, saying_in_turn
 from real_servers import Apache, Nginx, PhpFpm, RabbitMq, http
 from tarn_host import PID_FILE, Agent, Collector, wait_for
 
@@ -147,45 +147,6 @@ rabbit_a u:@127.0.0.1:{rabbit.port}
         b"\x0b\x02SCRIPT_NAME/s\x0b\x02REQUEST_URI/s\x0e\x03REQUEST_METHODGET\1\4\0\1\0\0\0\0")
     assert rabbit.requests[0] == b"GET /api/nodes HTTP/1.1\r\nAuthorization: Basic dTo=\r\n" \
                                  b"Host: 127.0.0.1:%d\r\n\r\n" % rabbit.port
-
-
-def record(kind, content, length=None, padding=0):
-    return struct.pack(">BBHHBB", 1, kind, 1, len(content) if length is None else length, padding, 0) + content
-
-
-FCGI = {"liar": saying(record(6, b"accepted conn: 1\n", 65535, 255)), "other": saying(record(3, b"12345678") + b"x"),
-        "padding": saying(record(6, b"accepted conn: 9\n", padding=200)),
-        "many": saying(record(7, b"e" * 100) * 2000), "huge": saying(record(6, b"x" * 65535, padding=9) + bytes(9))}
-HTTP = {"redirect": saying(b"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:1/\r\n\r\n"),
-        "headless": saying(b"HTTP/1.1 200 OK\r\nA: b\r\n"), "full": saying(b"x" * 4096),
-        "chunked": saying(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n[{}]\n\r\n0\r\n\r\n"),
-        "shape": saying(b'HTTP/1.1 200 OK\r\n\r\n{"a":[1,2,{"b":null}]}'),
-        "deep": saying(b"HTTP/1.1 200 OK\r\n\r\n" + b"[" * 100000)}
-
-
-@pytest.mark.parametrize("fault", [*FAULTS, *FCGI, *HTTP])
-def test_a_faulty_peer_harms_no_other_counter(tmp_path, web, fault):
-    behaviour = {**FAULTS, **FCGI, **HTTP}[fault]
-    with FakeServer(behaviour) as peer, Collector() as collector:
-        address = f"127.0.0.1:{peer.port}"
-        config = f"""counter_tcp_to 1
-nginx_bad {address}/a b
-apache_bad {address}
-{"" if fault == "closing" else f"fpm_bad {address} /status"}
-rabbit_bad u:p@{address}
-elastic_bad {address} node
-nginx_good 127.0.0.1:{web.nginx.port}/status localhost
-"""
-        with Agent(tmp_path, collector.config(config)) as agent:
-            reports = [services(collector) for _ in range(2)]
-            assert all("Nginx_good" in report for report in reports)
-            assert not {"Rabbit_bad", "Elastic_bad"} & set(reports[-1])
-            if fault in ("liar", "padding", "silent", "mute", "closing", "empty"):
-                assert "FPM_bad" not in reports[-1]
-            if fault in ("other", "many"):
-                assert reports[-1]["FPM_bad"]["total"] == 0  # a record that is no output is a success
-            assert len(list(Path(f"/proc/{agent.pid}/fd").iterdir())) < 12
-            assert agent.stop()[0] == 0
 
 
 def test_a_reset_in_the_middle_of_fastcgi_ends_the_agent(tmp_path):

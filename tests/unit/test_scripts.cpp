@@ -78,16 +78,6 @@ TEST(Scripts, IncrementalCountersReportTheirIncrease) {
     EXPECT_EQ(cycle(51, 1, 1, 6), "1");
 }
 
-TEST(Scripts, WhatSharedMemoryHoldsIsConfined) {
-    tarn_mycustom_data_custom data{};
-    std::fill_n(reinterpret_cast<unsigned char*>(&data), sizeof data, 0xFF);
-    custom_confine(data);
-    EXPECT_EQ(fields(data.agent_alerts_count, std::strlen(data.agent_alerts[9].text)), "0|255");
-    data.agent_alerts_count = 11;
-    custom_confine(data);
-    EXPECT_EQ(data.agent_alerts_count, 10);
-}
-
 TEST(Scripts, TheReportNamesValueTypeAndAlerts) {
     script run("web users alert=v>1 type=12 interval=3 x", custom_init);
     bson_t document = BSON_INITIALIZER;

@@ -159,17 +159,6 @@ TEST(Services, ApacheScoreboardIsCountedByLetter) {
     EXPECT_EQ(read("nothing"), "1|0|0|0|0|0|0|0|0|0|0|0");
 }
 
-TEST(Services, FpmStatusIsReadBehindTheHeaders) {
-    tarn_mycustom_data_fpm data{};
-    EXPECT_EQ(fpm_parse_res("\n", data), 0);
-    fpm_parse_res(
-        "Content-type: text/plain\r\n\r\naccepted conn:  120\nlisten queue:  9\nlisten queue len:  128\n"
-        "idle processes: 1\nactive processes:  2\ntotal processes:  3\nmax children reached: 4\n",
-        data);
-    EXPECT_EQ(fields(data.accepted, data.idle, data.active, data.total, data.max_children, data.lqueue),
-              "120|1|2|3|4|128");
-}
-
 TEST(Services, RabbitFiguresAreScaled) {
     tarn_mycustom_data_rabbit data{};
     const auto node = [&data](const char* body) {
