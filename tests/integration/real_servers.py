@@ -27,6 +27,14 @@ def answers(port):
         return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
+def template(name, **values):
+    """A configuration file, its "@word@"s replaced."""
+    text = (Path(__file__).parent / "servers" / name).read_text()
+    for word, value in values.items():
+        text = text.replace(f"@{word}@", str(value))
+    return text
+
+
 class Server:
     """A server process that can be stopped and started again; `ready` tells when it answers."""
 
@@ -44,10 +52,7 @@ class Server:
 
     def configure(self, name, **values):
         """Writes a configuration file with the places and ports of this server."""
-        text = (Path(__file__).parent / "servers" / name).read_text()
-        for word, value in {"directory": self.directory, "port": self.port, **values}.items():
-            text = text.replace(f"@{word}@", str(value))
-        (self.directory / name).write_text(text)
+        (self.directory / name).write_text(template(name, directory=self.directory, port=self.port, **values))
 
     def ready(self):
         return answers(self.port)

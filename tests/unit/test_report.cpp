@@ -78,23 +78,6 @@ TEST_F(Report, WhatCouldNotBeSampledIsZeroOrEmpty) {
     expect_golden("report_not_ok.hex", report_digits());
 }
 
-TEST_F(Report, PrintedForAReaderWhateverItsTextsHold) {
-    bson_t document = BSON_INITIALIZER;
-    tarn::append_text(document, "empty", std::string_view{});
-    tarn::append_text(document, "bad", "a\xFF");
-    tarn::append_no_text(document, "none");
-    {
-        tarn::sub_document child(document, "k\xFE");
-        tarn::append_int32(child.document(), "i", -1);
-        tarn::append_int64(child.document(), "l", 1);
-        tarn::append_double(child.document(), "d", 0.5);
-    }
-    tarn::sub_array(document, "list");
-    EXPECT_EQ(printed_document(document),
-              "empty : string \nbad : string a?\nnone : null\nk? : document\n\ti : int32 -1\n\tl : int64 1\n"
-              "\td : double 0.500000\nlist : array\n");
-}
-
 TEST_F(Report, SignatureIsTheDigestOfDocumentAndSecret) {
     const auto packet = [](std::string_view document, std::string_view secret) {
         tarn::fill_text(config.secret, secret);

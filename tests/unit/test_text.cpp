@@ -1,5 +1,4 @@
 #include "support/tarn_base64.h"
-#include "support/tarn_version.h"
 #include "test_helpers.h"
 
 using namespace std::string_view_literals;
@@ -73,10 +72,4 @@ TEST(Text, Base64BreaksItsLinesAfter72Characters) {
         line += "YWFh";
     EXPECT_EQ(tarn::base64(std::string(54, 'a')), line);  // no line end behind a full line
     EXPECT_EQ(tarn::base64(std::string(109, 'a')), line + "\n" + line + "\nYQ==");
-}
-
-TEST(Version, MajorCountsBeforeMinor) {
-    EXPECT_EQ(tarn_version_compare({5, 0}, {5, 0}), 0);
-    EXPECT_EQ(tarn_version_compare({4, 9}, {5, 0}), -1);
-    EXPECT_EQ(tarn_version_compare({10, 0}, {5, 9}), 1);
 }
