@@ -4,12 +4,10 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
-#include <array>
-#include <cctype>
-#include <cerrno>
-#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <memory_resource>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -17,18 +15,47 @@
 
 namespace {
 
-/// Far beyond the answer of any service that is watched; keeps a hostile one from taking the memory.
-constexpr std::size_t most_nodes = std::size_t{1} << 20U;
+/// Far beyond the answer of any service that is watched; together they keep the tree of a hostile answer
+/// below 32 MiB.
+constexpr std::size_t max_nodes = std::size_t{1} << 18U;
+constexpr std::size_t max_depth = 1000;
 
-/// A tree: its root, and the memory that all other nodes lie in.
+/// A tree: its root, and the memory that holds all other nodes.
 struct document final : nx_json {
     std::pmr::monotonic_buffer_resource arena;
 };
 
-/// Hangs the parser's events into a tree. Returns false, which ends the parsing, beyond the most nodes.
+/// The parser's own memory. RapidJSON does not check what its allocator returns.
+class throwing_allocator final {
+  public:
+    static constexpr bool kNeedFree = true;
+    static void* Malloc(std::size_t size) { return checked(std::malloc(size), size); }
+    static void* Realloc(void* block, std::size_t /*old_size*/, std::size_t size) {
+        if (size != 0) return checked(std::realloc(block, size), size);
+        Free(block);
+        return nullptr;
+    }
+    static void Free(void* block) { std::free(block); }
+
+  private:
+    static void* checked(void* block, std::size_t size) {
+        if (block == nullptr && size != 0) throw std::bad_alloc();
+        return block;
+    }
+};
+
+/// A number that JSON itself does not know, or that the parser refuses.
+struct odd_number {
+    const char* at;  ///< its place in the text, where a "0" now stands
+    nx_json_type type;
+    std::int64_t int_value;
+    double dbl_value;
+};
+
+/// Hangs the parser's events into a tree. Returns false, which ends the parsing, beyond the limits.
 class tree_builder final {
   public:
-    explicit tree_builder(document& tree) : tree_(tree) {}
+    tree_builder(document& tree, const std::vector<odd_number>& odd) : tree_(tree), odd_(odd) {}
 
     bool Null() { return add(NX_JSON_NULL) != nullptr; }
     bool Bool(bool value) {
@@ -72,7 +99,7 @@ class tree_builder final {
 
     /// The root, or a new last child of the container that is open.
     nx_json* make_node() {
-        if (++nodes_ > most_nodes) return nullptr;
+        if (++nodes_ > max_nodes) return nullptr;
         if (open_.empty()) return &tree_;
         auto* const node = new (tree_.arena.allocate(sizeof(nx_json), alignof(nx_json))) nx_json;
         nx_json& parent = *open_.back();
@@ -86,6 +113,13 @@ class tree_builder final {
         const bool is_double = text.find_first_of(".eE") != std::string_view::npos;
         nx_json* const node = add(is_double ? NX_JSON_DOUBLE : NX_JSON_INTEGER);
         if (node == nullptr) return false;
+        if (next_odd_ < odd_.size() && odd_[next_odd_].at == text.data()) {
+            const odd_number& odd = odd_[next_odd_++];
+            node->type = odd.type;
+            node->int_value = odd.int_value;
+            node->dbl_value = odd.dbl_value;
+            return true;
+        }
         tarn::read_number(text, node->int_value);
         if (is_double) {
             std::from_chars(text.data(), text.data() + text.size(), node->dbl_value);
@@ -96,6 +130,7 @@ class tree_builder final {
     }
 
     bool open(nx_json_type type) {
+        if (open_.size() == max_depth) return false;
         nx_json* const node = add(type);
         if (node != nullptr) open_.push_back(node);
         return node != nullptr;
@@ -107,6 +142,8 @@ class tree_builder final {
     }
 
     document& tree_;
+    const std::vector<odd_number>& odd_;
+    std::size_t next_odd_ = 0;
     const char* key_ = nullptr;
     std::vector<nx_json*> open_;
     std::size_t nodes_ = 0;
@@ -114,45 +151,65 @@ class tree_builder final {
 
 const nx_json null_node;
 
-/// True for a 0 that begins a number and does not stand alone.
-bool begins_other_base(char before, const char* text) {
-    return *text == '0' && std::isalnum(static_cast<unsigned char>(text[1])) != 0 &&
-           std::string_view(" \t\r\n:,[-").find(before) != std::string_view::npos;
-}
+/// Reads a number of a form that JSON does not know: octal ("010"), hexadecimal ("0x1F"), a fraction with
+/// leading zeros, or an exponent beyond what a double holds. Returns the first character after it; the start
+/// when it is not such a number. Integers beyond 64 bits become the largest or lowest one.
+char* read_odd_number(char* start, odd_number& number) {
+    char* const first = *start == '-' ? start + 1 : start;
+    const std::size_t whole = std::strspn(first, "0123456789");
+    const char after = first[whole];
+    if (whole == 0) return start;
 
-/// Rewrites the integer at `start`, whose first digit is a 0, as a decimal one and fills its place up with
-/// blanks. Returns the first character behind it. What is no integer of base 8 or 16 stays, for the parser to
-/// refuse.
-char* rewrite_integer(char* start) {
     char* end = nullptr;
-    errno = 0;
-    const std::int64_t value = std::strtoll(start, &end, 0);
-    std::array<char, 24> digits{};
-    const auto [last, error] = std::to_chars(digits.begin(), digits.end(), value);
-    const auto length = last - digits.begin();
-    if (errno != 0 || *end == '.' || *end == 'e' || *end == 'E' || length > end - start) return end;
-    std::fill(std::copy(digits.begin(), last, start), end, ' ');
+    number.at = start;
+    number.type = NX_JSON_INTEGER;
+    if (after == '.' || after == 'e' || after == 'E') {
+        number.type = NX_JSON_DOUBLE;
+        tarn::read_number(start, number.int_value);
+        number.dbl_value = std::strtod(start, &end);
+        return end;
+    }
+    if (*first != '0' || (whole == 1 && after != 'x' && after != 'X')) return start;
+    number.int_value = std::strtoll(start, &end, 0);
+    number.dbl_value = static_cast<double>(number.int_value);
     return end;
 }
 
-/// True when some 0, perhaps one inside a text, looks like the start of such an integer. Hardly any answer
-/// has one.
-bool may_have_other_bases(std::string_view text) {
-    for (std::size_t at = text.find('0'); at != std::string_view::npos; at = text.find('0', at + 1)) {
-        if (begins_other_base(at > 0 ? text[at - 1] : ' ', text.data() + at)) return true;
-    }
-    return false;
-}
-
-/// Integers may be octal ("010") or hexadecimal ("0x1F"), which JSON itself does not know.
-void rewrite_bases(char* text) {
+/// Takes the numbers that the parser refuses out of a text and puts a "0" and blanks in their place. A digit
+/// or "-" outside a string begins a number.
+std::vector<odd_number> take_odd_numbers(char* text) {
+    std::vector<odd_number> taken;
     bool in_string = false;
-    for (char before = ' '; *text != '\0'; before = *text++) {
+    for (; *text != '\0'; ++text) {
         if (*text == '"') in_string = !in_string;
         if (in_string && *text == '\\' && text[1] != '\0') ++text;
-        if (in_string || !begins_other_base(before, text)) continue;
-        text = rewrite_integer(before == '-' ? text - 1 : text) - 1;
+        if (in_string || (*text != '-' && (*text < '0' || *text > '9'))) continue;
+        odd_number number{};
+        char* const end = read_odd_number(text, number);
+        if (end == text) {
+            // A plain integer: its other digits begin nothing.
+            while (text[1] >= '0' && text[1] <= '9')
+                ++text;
+            continue;
+        }
+        std::fill(text, end, ' ');
+        *text = '0';
+        text = end - 1;
+        taken.push_back(number);
     }
+    return taken;
+}
+
+nx_json_tree parse(char* json, const std::vector<odd_number>& odd) {
+    constexpr unsigned flags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
+                               rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
+    using reader_type = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, throwing_allocator>;
+    auto tree = std::make_unique<document>();
+    tree_builder builder(*tree, odd);
+    rapidjson::InsituStringStream stream(json);
+    reader_type reader;
+    if (reader.Parse<flags>(stream, builder).IsError()) return nullptr;
+    return nx_json_tree(tree.release());
 }
 
 }  // namespace
@@ -162,16 +219,13 @@ void nx_json_free(const nx_json* root) {
 }
 
 nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start) {
-    constexpr unsigned flags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
-                               rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
-    auto tree = std::make_unique<document>();
-    tree_builder builder(*tree);
-    char* const json = text.data() + std::min(start, text.size());
-    if (may_have_other_bases(json)) rewrite_bases(json);
-    rapidjson::InsituStringStream stream(json);
-    rapidjson::Reader reader;
-    if (reader.Parse<flags>(stream, builder).IsError()) return nullptr;
-    return nx_json_tree(tree.release());
+    start = std::min(start, text.size());
+    const std::string original = text.substr(start);
+    if (nx_json_tree tree = parse(text.data() + start, {})) return tree;
+    // Hardly any answer has odd numbers, so that they are looked for in one that did not parse.
+    text.replace(start, std::string::npos, original);
+    const std::vector<odd_number> odd = take_odd_numbers(text.data() + start);
+    return odd.empty() ? nullptr : parse(text.data() + start, odd);
 }
 
 const nx_json& nx_json_get(const nx_json& node, std::string_view key) {
@@ -231,6 +285,7 @@ int json_get_str_by_path(const nx_json& root, std::string_view path, char* desti
     const nx_json& node = json_get_item_by_path(root, path);
     const std::string_view text = node.type == NX_JSON_STRING ? node.text_value : "";
     destination[text.copy(destination, size - 1)] = '\0';
+    destination[size - 1] = '\0';
     return node.type == NX_JSON_STRING ? 1 : 0;
 }
 

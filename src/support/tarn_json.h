@@ -41,8 +41,10 @@ struct nx_json_deleter {
 /// Owns a tree.
 using nx_json_tree = std::unique_ptr<const nx_json, nx_json_deleter>;
 
-/// Parses the JSON value at the start of a text, in place; what follows it is not looked at. Nothing is
-/// returned for a syntax error and for more than a million nodes. No depth of nesting can exhaust the stack.
+/// Parses the JSON value at the start of a text, in place; what follows it is ignored. Beside the numbers of
+/// JSON it takes octal ("010") and hexadecimal ("0x1F") integers; integers beyond 64 bits become the largest
+/// or lowest one, and a double beyond its range is infinite. Returns nothing for a syntax error, for more
+/// than 262144 nodes and for more than 1000 levels of nesting. Throws std::bad_alloc.
 nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start = 0);
 
 /// The first member of an object with this key, the null node when there is none.

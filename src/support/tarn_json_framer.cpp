@@ -16,7 +16,7 @@ std::string json_framer::feed(std::string_view bytes) {
     }
 }
 
-/// Drops everything in front of the next object; a last "{" may be the first half of its start.
+/// Drops everything before the next object; a last "{" may be the first half of its start.
 void json_framer::drop_to_start() {
     const std::size_t start = text_.find("{\"");
     if (start != std::string::npos) {
@@ -50,9 +50,14 @@ bool json_framer::find_end() {
     return false;
 }
 
-/// True at a line feed that no sound object has: inside a text, or in front of another object.
+/// True at a line feed that a sound object cannot hold: inside a string, or before a "{" where no value may
+/// begin.
 bool json_framer::is_cut() const {
-    return in_string_ || text_[at_ + 1] == '{';
+    if (in_string_) return true;
+    if (text_[at_ + 1] != '{') return false;
+    const std::size_t before = text_.find_last_not_of(" \t\r\n", at_);
+    return before == std::string::npos ||
+           std::string_view(":,[").find(text_[before]) == std::string_view::npos;
 }
 
 }  // namespace tarn

@@ -7,8 +7,8 @@
 namespace tarn {
 
 /// Cuts a stream of bytes into JSON objects, however they are spread over reads. An object begins at "{\"";
-/// what stands between objects (headers, line feeds) is dropped. A broken object ends where the next begins
-/// on a line of its own, so that it costs only itself.
+/// what stands between objects (headers, line feeds) is dropped. A broken object ends where the next one
+/// begins on a line of its own, in a place where JSON allows no object, so that it costs only itself.
 class json_framer final {
   public:
     /// Takes what a read brought and returns the newest object that is complete now; an empty text when none
