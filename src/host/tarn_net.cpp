@@ -37,9 +37,7 @@ constexpr tarn::bson_row<mibnet> rows[] = {{"ok", tarn::as_int64<&mibnet::ok>},
 /// Takes the interface name off a line, with its colon. Old kernels put no blank between the colon and the
 /// first number.
 std::string_view take_name(std::string_view& line) {
-    const std::string_view name = tarn::next_token(line, " \t\n\v\f\r:");
-    if (line.starts_with(':')) line.remove_prefix(1);
-    return name;
+    return tarn::next_token(line, " \t\n\v\f\r:");
 }
 
 /// The first number received, the ninth sent. What a cut line does not hold is 0.

@@ -17,7 +17,7 @@ std::string_view remove_newline_ch(std::string_view line) {
 std::string_view next_token(std::string_view& rest, std::string_view delimiters) {
     rest.remove_prefix(std::min(rest.find_first_not_of(delimiters), rest.size()));
     const std::string_view token = rest.substr(0, rest.find_first_of(delimiters));
-    rest.remove_prefix(token.size());
+    rest.remove_prefix(std::min(token.size() + 1, rest.size()));
     return token;
 }
 

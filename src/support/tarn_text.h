@@ -93,8 +93,9 @@ void strcpyfilter(std::string_view source, char (&destination)[Size], char chara
     destination[length] = '\0';
 }
 
-/// Takes the next token off the front of `rest`, tokens being separated by runs of the given delimiters, so
-/// that none is ever empty. Returns an empty view when nothing is left.
+/// Takes the next token off the front of `rest` as strtok does: leading delimiters are skipped, so that no
+/// token is ever empty, and the one delimiter that ends the token is taken with it. Returns an empty view
+/// when nothing is left.
 std::string_view next_token(std::string_view& rest, std::string_view delimiters);
 
 /// True when `name` matches one of the first `count` masks: a mask of more than one character that ends in

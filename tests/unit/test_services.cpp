@@ -103,6 +103,8 @@ TEST(Services, NamedLinesGoByTheWholeName) {
     // Only the first line may end at a carriage return alone.
     beanstalk_parse_stats("OK\ruptime: 6\ncmd-put: 7\rcmd-put: 9", beanstalk);
     EXPECT_EQ(fields(beanstalk.put, beanstalk.uptime), "7|6");
+    memcache_parse_stats("x\rSTAT bytes 7\nSTAT cmd_set 2\rSTAT cmd_set 3", memcache);
+    EXPECT_EQ(fields(memcache.bytes, memcache.set), "7|2");
 }
 
 TEST(Services, RatesWrapAtTheirOwnWidth) {
