@@ -34,6 +34,13 @@ constexpr int opt_connect_timeout = 0;
 constexpr int opt_local_infile = 8;
 constexpr int opt_read_timeout = 11;
 constexpr int opt_write_timeout = 12;
+constexpr int opt_enable_cleartext_plugin = 36;
+constexpr int opt_restricted_auth = 7026;  ///< of the MariaDB client; others refuse it
+
+/// Log-in methods that a server may ask for. None of them sends the password in clear or opens a dialog on
+/// the terminal.
+constexpr const char* allowed_methods =
+    "mysql_native_password,caching_sha2_password,sha256_password,client_ed25519";
 
 bool look_up_end(void* handle) {
     // Newer libraries know the function by both names, some only by the older one.
@@ -102,6 +109,8 @@ mysql_connection mysql_prepare() {
     set_timeout(connection.get(), opt_read_timeout, config.mysql_read_to);
     constexpr unsigned off = 0;
     library.options(connection.get(), opt_local_infile, &off);
+    library.options(connection.get(), opt_enable_cleartext_plugin, &off);
+    library.options(connection.get(), opt_restricted_auth, allowed_methods);
     return connection;
 }
 

@@ -37,7 +37,7 @@ struct mysql_address {
 };
 
 /// A connection object with the configured time-outs, which connects only when it is told to. The server may
-/// not ask it for local files.
+/// not ask it for local files, nor choose a log-in method that gives the password away.
 mysql_connection mysql_prepare();
 
 /// Connects; false when that fails, mysql_error_text() then says why.

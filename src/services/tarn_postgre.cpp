@@ -2,6 +2,7 @@
 // transactions, connections by state and by waiting, and statements that have been running for long.
 #include "services/tarn_postgre.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -9,10 +10,14 @@
 #include "record/tarn_rates.h"
 #include "services/tarn_postgreclient.h"
 #include "services/tarn_service.h"
+#include "support/tarn_deadline.h"
 
 namespace {
 
 using data_postgre = tarn_mycustom_data_postgre;
+
+/// An exchange may take this many time-outs: a server that is slow under load is the one to watch.
+constexpr int exchange_timeouts = 5;
 
 /// What stands in an answer, by column or row name, and the member that it goes to.
 struct named_member {
@@ -239,6 +244,9 @@ int postgre_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_postgre>(counter);
     const tarn::postgre_connection connection = log_in(data);
     if (!connection) return 0;
+    const tarn::socket_deadline deadline(tarn::postgre_socket(connection),
+                                         exchange_timeouts * std::clamp(config.counter_tcp_to, 1, 86400));
+    data.ok = 0;
     data.ok = read_all(connection, data) ? 1 : 0;
     return data.ok;
 }

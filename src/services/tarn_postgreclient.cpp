@@ -1,13 +1,16 @@
 #include "services/tarn_postgreclient.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "record/tarn_config.h"
-#include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
+#include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
@@ -30,12 +33,20 @@ struct {
     char* (*errorMessage)(const pg_conn* connection);
     void (*clear)(pg_result* result);
     void (*finish)(pg_conn* connection);
-    int (*socket)(const pg_conn* connection);  // null where the library does not have it
+    int (*socket)(const pg_conn* connection);  // this and the next: null where the library does not have it
+    void (*(*setNoticeProcessor)(pg_conn* connection, void (*processor)(void* data, const char* message),
+                                 void* data))(void* data, const char* message);
 } library;
 
+/// Looks up a function that need not be there.
+template <typename Function>
+void look_up_optional(void* handle, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(tarn::find_function(handle, name));
+}
+
 bool look_up_all(void* handle) {
-    using socket_function = decltype(library.socket);
-    library.socket = reinterpret_cast<socket_function>(tarn::find_function(handle, "PQsocket"));
+    look_up_optional(handle, "PQsocket", library.socket);
+    look_up_optional(handle, "PQsetNoticeProcessor", library.setNoticeProcessor);
     return tarn::look_up(handle, "PQconnectdb", library.connectdb) &&
            tarn::look_up(handle, "PQsetdbLogin", library.setdbLogin) &&
            tarn::look_up(handle, "PQstatus", library.status) &&
@@ -54,12 +65,42 @@ std::string_view view_of(const char* text) {
     return text != nullptr ? text : "";
 }
 
+/// Sets a variable that the library reads, unless the environment already has it.
+void set_default(const char* name, const char* value) {
+    constexpr int keep = 0;
+    ::setenv(name, value, keep);
+}
+
+/// Discards the server's notices, which the library would print: there is no limit to them.
+void ignore_notice(void* /*data*/, const char* /*message*/) {}
+
+/// Standard error goes nowhere as long as this object lives. The library prints the notices of a log-in
+/// before anybody can give it another way.
+class quiet_errors final {
+  public:
+    quiet_errors() : kept_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+        const tarn::unique_fd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+        if (kept_ && nowhere) ::dup2(nowhere.get(), STDERR_FILENO);
+    }
+    ~quiet_errors() {
+        if (kept_) ::dup2(kept_.get(), STDERR_FILENO);
+    }
+    quiet_errors(const quiet_errors&) = delete;
+    quiet_errors& operator=(const quiet_errors&) = delete;
+
+  private:
+    tarn::unique_fd kept_;
+};
+
 }  // namespace
 
 int init_postgre_lib() {
     const std::string path(tarn::text_of(config.postgre_lib));
     std::printf("libpq: %s\n", path.c_str());
-    ::setenv("PGCONNECT_TIMEOUT", std::to_string(std::max(config.counter_tcp_to, 1)).c_str(), 0);
+    set_default("PGCONNECT_TIMEOUT", std::to_string(std::max(config.counter_tcp_to, 1)).c_str());
+    // Kerberos would open a credential cache in /tmp, where any local user may have put a pipe.
+    set_default("PGGSSENCMODE", "disable");
+    set_default("KRB5CCNAME", "MEMORY:");
     config.postgre_handle = tarn::open_library(path.c_str());
     return config.postgre_handle != nullptr && look_up_all(config.postgre_handle) ? 1 : 0;
 }
@@ -72,7 +113,16 @@ void postgre_finisher::operator()(pg_conn* connection) const {
 
 postgre_connection postgre_log_in(const char* host, const char* port, const char* user,
                                   const char* password) {
-    return postgre_connection(library.setdbLogin(host, port, nullptr, nullptr, "postgres", user, password));
+    const quiet_errors while_logging_in;
+    postgre_connection connection(
+        library.setdbLogin(host, port, nullptr, nullptr, "postgres", user, password));
+    if (connection && library.setNoticeProcessor != nullptr)
+        library.setNoticeProcessor(connection.get(), ignore_notice, nullptr);
+    return connection;
+}
+
+int postgre_socket(const postgre_connection& connection) {
+    return library.socket != nullptr ? library.socket(connection.get()) : -1;
 }
 
 bool postgre_is_connected(const postgre_connection& connection) {
@@ -83,11 +133,8 @@ const char* postgre_error_text(const postgre_connection& connection) {
     return connection ? library.errorMessage(connection.get()) : "out of memory";
 }
 
-postgre_answer::postgre_answer(const postgre_connection& connection, const char* statement) {
-    const int socket = library.socket != nullptr ? library.socket(connection.get()) : -1;
-    const socket_deadline deadline(socket, config.counter_tcp_to);
-    result_ = library.exec(connection.get(), statement);
-}
+postgre_answer::postgre_answer(const postgre_connection& connection, const char* statement)
+    : result_(library.exec(connection.get(), statement)) {}
 
 postgre_answer::~postgre_answer() {
     if (result_ != nullptr) library.clear(result_);

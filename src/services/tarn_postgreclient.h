@@ -26,12 +26,15 @@ using postgre_connection = std::unique_ptr<pg_conn, postgre_finisher>;
 /// Logs in to the database "postgres"; see postgre_is_connected().
 postgre_connection postgre_log_in(const char* host, const char* port, const char* user, const char* password);
 
+/// The descriptor of the connection's socket; -1 when the library cannot be asked.
+int postgre_socket(const postgre_connection& connection);
+
 bool postgre_is_connected(const postgre_connection& connection);
 
 /// What the library says of the last failure.
 const char* postgre_error_text(const postgre_connection& connection);
 
-/// The answer to one statement, whose wait is bounded by the time-out of the counters' own connections.
+/// The answer to one statement.
 class postgre_answer final {
   public:
     postgre_answer(const postgre_connection& connection, const char* statement);

@@ -1,10 +1,12 @@
 """Data stores, on real servers and on scripted ones: figures under a known load, faults, restarts."""
 
+import os
 import subprocess
 from pathlib import Path
 
 import pytest
 
+from fake_server import FakeServer
 from real_servers import Beanstalkd, MariaDb, Memcached, Postgres, Redis, Searchd, free_port
 from tarn_host import Agent, Collector, children, flat, wait_for
 
@@ -151,6 +153,44 @@ sphinx_closed u:secret@127.0.0.1:{free_port()}
                  "\nFailed to connect to postgres database: tarn *** 127.0.0.1 ", "\n\nSELECT query5 failed.\n\n",
                  "Cannot initialize memcache on nothing:0\n", "Failed to connect to sphinx(u:secret@127.0.0.1:"):
         assert text in agent.text
+
+
+def packet(number, payload):
+    """A packet of the MySQL protocol."""
+    return len(payload).to_bytes(3, "little") + bytes([number]) + payload
+
+
+@pytest.mark.parametrize("method", [b"mysql_clear_password", b"dialog"])
+def test_a_server_cannot_ask_for_the_password(tmp_path, method):
+    greeting = (b"\x0a8.0\0" + bytes(4) + b"12345678\0" + b"\xff\xf7\x21\2\0\xff\xc1\x15" + bytes(10) + b"123456789012\0"
+                b"mysql_native_password\0")
+
+    def asking(server, peer, _):
+        peer.sendall(packet(0, greeting))
+        number = server.read(peer)[3]
+        peer.sendall(packet(number + 1, b"\xfe" + method + b"\0"))
+        server.read(peer)
+
+    with FakeServer(asking) as server, Collector() as collector:
+        config = f"mysql_lib libmariadb.so.3\nmysql_a user:secret-word@127.0.0.1:{server.port}\n"
+        with Agent(tmp_path, collector.config(config)) as agent:
+            collector.reports(2)
+            agent.wait_text("Failed to connect to mysql(user:***@127.0.0.1:")
+    assert b"user" in server.requests[0]
+    assert not any(b"secret-word" in request for request in server.requests)
+
+
+def test_what_users_and_servers_leave_for_libpq_does_not_matter(tmp_path, stores):
+    os.mkfifo(tmp_path / "fifo")  # a credential cache that would never open
+    (tmp_path / "krb5.conf").write_text(f"[libdefaults]\ndefault_ccache_name = FILE:{tmp_path}/fifo\n")
+    stores.postgres.sql("alter role tarn set client_min_messages = debug5")
+    config = f"postgre_lib libpq.so.5\npostgresql_main tarn:pw@127.0.0.1:{stores.postgres.port}\n"
+    environment = {**os.environ, "KRB5_CONFIG": str(tmp_path / "krb5.conf")}
+    with Collector() as collector, Agent(tmp_path, collector.config(config), env=environment) as agent:
+        assert set(flat(collector.reports(2)[-1])) == {"Postgre_main"}
+        agent.stop()
+    stores.postgres.sql("alter role tarn reset client_min_messages")
+    assert "DEBUG:" not in agent.text
 
 
 MYSQL = ("mysql_init mysql_close mysql_error mysql_real_connect mysql_query mysql_store_result mysql_fetch_row "
