@@ -1,17 +1,30 @@
 #pragma once
 
+#include <cstdio>
+#include <exception>
+
 #include "record/tarn_counter.h"
 #include "record/tarn_trace.h"
 
 namespace tarn {
 
-/// Announces a family in debug mode and calls one of its counters after the other. The count is read anew
-/// each time.
+/// Calls an operation for one counter. An exception (memory that ran out over a reply) costs that counter
+/// only.
+template <typename Call>
+void call_guarded(tarn_mycustom_counter& counter, Call call) {
+    try {
+        call(counter);
+    } catch (const std::exception& error) {
+        std::printf("Counter %s %s: %s\n", counter.report, counter.id, error.what());
+    }
+}
+
+/// Announces a family in debug mode and calls each of its counters in turn. The count is read again for each.
 template <typename Call>
 void visit(const char* text, const tarn_family& family, Call call) {
     trace("%s", text);
     for (std::size_t at = 0; at < family.count; ++at)
-        call(family.slots[at]);
+        call_guarded(family.slots[at], call);
 }
 
 /// Calls one operation of a counter, if the counter has it.

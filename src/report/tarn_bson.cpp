@@ -7,6 +7,7 @@
 #include "docker/tarn_docker_core.h"
 #include "record/tarn_config.h"
 #include "record/tarn_counter.h"
+#include "record/tarn_walk.h"
 #include "support/tarn_bson_append.h"
 #include "support/tarn_text.h"
 #include "support/tarn_version.h"
@@ -44,8 +45,9 @@ void append_head(bson_t& document) {
 
 void append_counters(bson_t& document, const tarn_family& family) {
     for (std::size_t at = 0; at < family.count; ++at) {
-        tarn_mycustom_counter& counter = family.slots[at];
-        if (counter.tobson != nullptr) counter.tobson(counter, document);
+        tarn::call_guarded(family.slots[at], [&document](tarn_mycustom_counter& counter) {
+            if (counter.tobson != nullptr) counter.tobson(counter, document);
+        });
     }
 }
 

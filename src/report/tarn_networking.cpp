@@ -139,8 +139,10 @@ void send_data_tcp(std::span<const std::uint8_t> document) {
                     connection.error);
         return;
     }
+    if (connection.failed == tarn::stream_step::timeouts) std::printf("setsockopt failed\n");
     if (!connection.socket) {
-        std::printf("setsockopt failed\n");
+        errno = connection.error;
+        if (connection.failed == tarn::stream_step::socket) std::perror("socket");
         return;
     }
 
@@ -157,6 +159,10 @@ void send_data_tcp(std::span<const std::uint8_t> document) {
 
 void send_data_udp(std::span<const std::uint8_t> document) {
     const tarn::unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+    if (!socket) {
+        std::printf("sending via udp FAILED %d\n", errno);
+        return;
+    }
     sockaddr_in collector{};
     collector.sin_family = AF_INET;
     collector.sin_port = htons(static_cast<std::uint16_t>(config.port));

@@ -102,6 +102,7 @@ int apache_init(tarn_mycustom_counter& counter) {
 
 int apache_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_apache>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     if (data.ok == 0) std::printf("APACHE ERRRR :\n");
     return data.ok;

@@ -75,6 +75,7 @@ int beanstalk_init1(tarn_mycustom_counter& counter) {
 
 int beanstalk_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_beanstalk>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     return data.ok;
 }

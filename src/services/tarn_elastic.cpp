@@ -133,6 +133,7 @@ int elastic_reinit(tarn_mycustom_counter& /*counter*/) {
 
 int elastic_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_elastic>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     if (data.ok == 0) std::printf("elastic error\n");
     return data.ok;

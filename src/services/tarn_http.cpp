@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t page_size = 16384;
 constexpr std::size_t step_size = 4096;
-constexpr std::size_t most_answer = std::size_t{16} << 20U;
+constexpr std::size_t most_answer = std::size_t{4} << 20U;
 constexpr int most_timeouts = 10;
 constexpr int longest_timeout = 86400;
 
@@ -60,8 +60,11 @@ unique_fd connect_http(const char* kind, std::string_view host, int port) {
     if (connection.failed == stream_step::connect) {
         std::printf("%s: could not bind socket or connect whatever: (%s)%d\n", kind,
                     std::strerror(connection.error), connection.error);
-    } else if (!connection.socket) {
+    } else if (connection.failed == stream_step::timeouts) {
         std::printf("setsockopt failed\n");
+    } else if (!connection.socket) {
+        errno = connection.error;
+        std::perror("socket");
     }
     return std::move(connection.socket);
 }

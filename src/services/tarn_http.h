@@ -27,7 +27,7 @@ std::optional<std::string> fetch_status_page(const char* kind, std::string_view 
 
 /// Sends a request and returns the body of the answer, which is read in steps of 4096 bytes until a shorter
 /// one. Nothing, with a message in the kind's name, when the exchange failed; nothing for an answer without a
-/// header end, beyond 16 MiB, or slower than ten time-outs.
+/// header end, beyond 4 MiB, or slower than ten time-outs.
 std::optional<std::string> fetch_body(const char* kind, const unique_fd& socket, std::string_view request);
 
 }  // namespace tarn

@@ -132,6 +132,7 @@ int memcache_init1(tarn_mycustom_counter& counter) {
 
 int memcache_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_memcache>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     return data.ok;
 }

@@ -193,6 +193,7 @@ int mysql_init1(tarn_mycustom_counter& counter) {
 int mysql_update(tarn_mycustom_counter& counter) {
     if (!is_loaded()) return 0;
     auto& data = tarn::data_of<data_mysql>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     return data.ok;
 }

@@ -108,6 +108,7 @@ int nginx_init(tarn_mycustom_counter& counter) {
 
 int nginx_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_nginx>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     if (data.ok == 0) std::printf("NGINX ERRRR :\n");
     return data.ok;

@@ -145,6 +145,7 @@ int rabbit_reinit(tarn_mycustom_counter& /*counter*/) {
 
 int rabbit_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_rabbit>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     if (data.ok == 0) std::printf("rabbit error\n");
     return data.ok;

@@ -148,6 +148,7 @@ int redis_init(tarn_mycustom_counter& counter) {
 
 int redis_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_redis>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     return data.ok;
 }

@@ -81,6 +81,7 @@ int sphinx_reinit(tarn_mycustom_counter& /*counter*/) {
 int sphinx_update(tarn_mycustom_counter& counter) {
     if (!is_loaded()) return 0;
     auto& data = tarn::data_of<data_sphinx>(counter);
+    data.ok = 0;
     data.ok = sample(data) ? 1 : 0;
     return data.ok;
 }
