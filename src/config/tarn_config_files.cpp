@@ -1,6 +1,7 @@
 #include "config/tarn_config_files.h"
 
 #include <glob.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cstdio>
@@ -29,6 +30,15 @@ bool read_line(std::FILE& file, std::array<char, 4096>& buffer, std::string_view
             c = std::fgetc(&file);
     }
     return true;
+}
+
+/// Whoever can write into the file can run commands as root.
+void warn_if_writable(const char* path, std::FILE& file) {
+    struct stat status {};
+    if (::fstat(::fileno(&file), &status) != 0) return;
+    const bool by_group = (status.st_mode & S_IWGRP) != 0 && status.st_gid != 0;
+    if (status.st_uid != 0 || by_group || (status.st_mode & S_IWOTH) != 0)
+        std::printf("WARNING: others than root can write to config file %s\n", path);
 }
 
 /// A server is known by its id, or by a UUID together with the names of the server and its project.
@@ -89,6 +99,7 @@ int parse_config_file(const char* path) {
         std::printf("Config file %s not found!\n", path);
         return 1;
     }
+    warn_if_writable(path, *file);
     std::array<char, 4096> buffer{};
     for (std::string_view raw; read_line(*file, buffer, raw);) {
         const config_line line = split_config_line(raw);

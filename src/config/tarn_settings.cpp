@@ -51,10 +51,17 @@ line_result one_more(const config_line& line) {
     return line_result::taken;
 }
 
-/// Makes the container table of a server that is known now. Only showing the configuration must not touch the
-/// table of an agent that may be running.
+/// A user is given by number. A name would read as 0, which is root's number, so the default stays.
+line_result default_user(const config_line& line) {
+    if (tarn::read_number(line.value, config.custom_default_uid) == 0) {
+        std::printf("custom_uid %.*s is not a number, scripts run as user %d\n",
+                    static_cast<int>(line.value.size()), line.value.data(), config.custom_default_uid);
+    }
+    return line_result::taken;
+}
+
+/// Makes the container table once the server's id is known.
 void start_docker() {
-    if (config.showconfigonly != 0) return;
     docker_init(config.docker);
     if (config.docker != nullptr && !config.docker_sock_path.empty()) {
         docker_set_socket(*config.docker, config.docker_sock_path);
@@ -118,7 +125,7 @@ constexpr setting settings[] = {
     {"counter_tcp_to", key_match::exact, number<&tarn_config::counter_tcp_to>},
     {"slow_query_sec", key_match::exact, whole_text<&tarn_config::slow_query_sec>},
     {"custom_counters_delimiter", key_match::prefix, number<&tarn_config::custom_counters_delimiter>},
-    {"custom_uid", key_match::prefix, number<&tarn_config::custom_default_uid>},
+    {"custom_uid", key_match::prefix, default_user},
     {"custom_gid", key_match::prefix, number<&tarn_config::custom_default_gid>},
     {"mysql_lib", key_match::exact, whole_text<&tarn_config::mysql_lib>},
     {"slashedApache", key_match::exact, number<&tarn_config::apacheSlashed>},

@@ -52,10 +52,17 @@ int number_at(std::string_view word, std::size_t at) {
     return tarn::to_number<int>(word.substr(std::min(at, word.size())));
 }
 
+/// A user is given by number. A name would read as 0, which is root's number, so the default user stays.
+void set_user(int& uid, std::string_view value) {
+    if (tarn::read_number(value, uid) > 0) return;
+    std::printf("uid=%.*s is not a number, the script runs as user %d\n", static_cast<int>(value.size()),
+                value.data(), uid);
+}
+
 /// Applies one setting; false when the word is none, and so begins the command.
 bool apply_setting(std::string_view word, tarn_mycustom_counter& cnt) {
     if (word.starts_with("uid=")) {
-        cnt.uid = number_at(word, 4);
+        set_user(cnt.uid, word.substr(4));
     } else if (word.starts_with("incremental")) {
         cnt.incremental = 1;
     } else if (word.starts_with("gid=")) {

@@ -135,6 +135,15 @@ TEST_F(Config, ExtraFilesAreReadInOrderUpToTheFirstFailure) {
     EXPECT_EQ(config.extConfigFiles, std::vector<std::string>{path("1.conf")});
 }
 
+TEST_F(Config, WhatCouldMakeRootOfAUserIsNamed) {
+    const std::string refused = "0|custom_uid nobody is not a number, scripts run as user 65534\n";
+    EXPECT_EQ(read("id 1\ncustom_uid nobody\n"), refused);
+    EXPECT_EQ(config.custom_default_uid, 65534);
+    std::filesystem::permissions(path("main"), std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    EXPECT_EQ(read("id 1\n"), "0|WARNING: others than root can write to config file " + path("main") + "\n");
+}
+
 TEST_F(Config, AnOptionTakesTheNextWordWhateverItIs) {
     char name[] = "tarn", option[] = "--config";
     char* words[] = {name, option, option, option};

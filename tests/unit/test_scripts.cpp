@@ -17,6 +17,7 @@ TEST(Scripts, SettingsAreReadWithAllTheirQuirks) {
         {"a  b uid=1 x", "a|b| x||1|4|5|0|11"},
         {"a   b uid=1 x", "a|b|b uid=1 x" + defaults},  // "b" is read twice
         {"a b uid=1 type=12", "a|b|||1|4|5|0|12"},
+        {"a b uid=nobody uid= c", "a|b|c" + defaults},  // a name is not taken for user 0
         {"\"never closed", "never closed||" + defaults},
         {"\n", "||" + defaults},
         {longest + " i alert=" + longest + " c",
