@@ -1,6 +1,5 @@
 // Entry and life of the agent's process: configuration, pid file, signals, the parent's start and end.
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -9,17 +8,19 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "config/tarn_config_files.h"
 #include "config/tarn_options.h"
 #include "core/tarn_core.h"
+#include "core/tarn_pid_file.h"
 #include "docker/tarn_docker_core.h"
 #include "docker/tarn_docker_loop.h"
 #include "record/tarn_config.h"
 #include "record/tarn_counter.h"
 #include "record/tarn_trace.h"
 #include "record/tarn_turn.h"
-#include "scripts/tarn_customs_core.h"
+#include "scripts/tarn_customs_process.h"
 #include "services/tarn_mysqlclient.h"
 #include "services/tarn_postgreclient.h"
 #include "support/tarn_dynamic_library.h"
@@ -29,44 +30,29 @@
 
 namespace {
 
-constexpr const char* pid_path = "/var/run/tarn.pid";
+pid_t parent_id = 0;
 
 void on_kill(int /*signum*/) {
     stop = 1;
 }
 
-/// Gives a standard stream that the agent was started without a place to go to: a file opened later must not
-/// take its number and be written into.
+/// Standard input is /dev/null, and so is an output that the agent was started without: a file opened later
+/// must not get the number of a standard stream and be written to.
 void open_standard_streams() {
     int fd = STDIN_FILENO;
     while (fd >= 0 && fd <= STDERR_FILENO)
         fd = ::open("/dev/null", O_RDWR);  // NOLINT(*-cloexec-open)
-    if (fd > STDERR_FILENO) ::close(fd);
-}
-
-/// Writes the process id, without a line feed. A file that cannot be created is not missed.
-void pid_create() {
-    const tarn::unique_fd file(::open(pid_path,
-                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                                      S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
-    if (file) ::dprintf(file.get(), "%u", static_cast<unsigned>(::getpid()));
-}
-
-void pid_remove() {
-    ::unlink(pid_path);
-}
-
-void catch_signal(int signum, unsigned flags) {
-    struct sigaction action {};
-    action.sa_handler = on_kill;
-    action.sa_flags = static_cast<int>(flags);
-    ::sigaction(signum, &action, nullptr);
+    ::dup2(fd, STDIN_FILENO);
+    ::close(fd);
 }
 
 /// A stop signal is caught once; a second one of its kind ends the process at once.
 void install_signals() {
+    struct sigaction action {};
+    action.sa_handler = on_kill;
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
     for (const int signum : {SIGTERM, SIGABRT, SIGINT})
-        catch_signal(signum, SA_RESETHAND | SA_NODEFER);
+        ::sigaction(signum, &action, nullptr);
 }
 
 /// Draws the second of the interval at which this agent reports, so that agents started together spread out.
@@ -99,14 +85,6 @@ void free_docker() {
         trace("Freeing docker-related structures\n");
     }
     docker_free(config.docker);
-}
-
-/// Tells a child to stop until it has, but not for long: it may be in the middle of something. One signal
-/// alone could come just before it begins to wait.
-void end_child(pid_t pid) {
-    constexpr timespec step{0, 10'000'000};
-    for (int turn = 0; turn < 100 && ::kill(pid, SIGTERM) == 0; ++turn)
-        ::nanosleep(&step, nullptr);
 }
 
 /// A library that opened but lacks a function counts as absent, like one that did not open.
@@ -147,8 +125,18 @@ void close_libraries() {
     }
 }
 
-/// Runs the process that samples and reports, to its end. `pid` is the child to stop then, 0 for none.
-void parentThread(pid_t pid) {
+/// What an agent that ends must not leave behind, however it ends.
+void leave_nothing() {
+    if (::getpid() != parent_id) return;  // a process forked later has inherited the call
+    stop_customs_process();
+    free_docker();
+    pid_remove();
+}
+
+/// Runs the process that samples and reports, to its end.
+void parentThread() {
+    parent_id = ::getpid();
+    std::atexit(leave_nothing);
     // Nobody asks for the status of a child; where the agent is the first process of a container, what
     // scripts leave behind becomes its child, too.
     std::signal(SIGCHLD, SIG_IGN);
@@ -158,9 +146,9 @@ void parentThread(pid_t pid) {
     initCounters(std::time(nullptr));
     main_loop();
     freeCounters();
-    if (pid != 0) {
+    if (stats.ncustom_counters > 0) {
         std::printf("Killing child...\n");
-        end_child(pid);
+        stop_customs_process();
     }
     close_libraries();
     free_docker();
@@ -169,41 +157,25 @@ void parentThread(pid_t pid) {
     pid_remove();
 }
 
-/// Runs the process that runs the scripts, to its end. `parent` is the process that it belongs to.
-void childThread(pid_t parent) {
-    // A stop signal to the whole group comes to this process twice, the second time from the parent; and a
-    // parent that dies without a word must not leave it behind.
-    catch_signal(SIGTERM, 0);
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (::getppid() != parent) stop = 1;
-    initCustomsCounters(std::time(nullptr));
-    ::sleep(1);
-    customs_loop();
-    freeCustomsCounters();
-}
-
 /// Splits off the script process. Returns the exit status.
 int run_with_scripts() {
-    std::fflush(nullptr);
-    const pid_t parent = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        docker_free(config.docker);
-        std::printf("ERROR: Can't fork\n");
-        trace("removing pid\n");
-        pid_remove();
-        return EXIT_FAILURE;
+    if (start_customs_process()) {
+        parentThread();
+        return EXIT_SUCCESS;
     }
-    if (pid == 0) {
-        childThread(parent);
-    } else {
-        parentThread(pid);
-    }
-    return EXIT_SUCCESS;
+    docker_free(config.docker);
+    std::printf("ERROR: Can't fork\n");
+    trace("removing pid\n");
+    pid_remove();
+    return EXIT_FAILURE;
 }
 
 /// Splits off the process that follows the containers. Returns the exit status.
 int run_with_docker() {
+    std::array<int, 2> lifeline{-1, -1};
+    if (::pipe2(lifeline.data(), O_CLOEXEC | O_NONBLOCK) != 0) std::perror("pipe");
+    tarn::unique_fd heard(lifeline[0]);
+    tarn::unique_fd spoken(lifeline[1]);
     const pid_t pid = ::fork();
     if (pid < 0) {
         docker_free(config.docker);
@@ -211,11 +183,14 @@ int run_with_docker() {
         return EXIT_SUCCESS;
     }
     if (pid == 0) {
-        dockerThread();
+        spoken.reset();
+        dockerThread(std::move(heard));
         return EXIT_SUCCESS;
     }
+    heard.reset();
+    if (config.docker != nullptr) config.docker->statistics_process = std::move(spoken);
     std::printf("Successfully forked docker child pid = %d\n", pid);
-    parentThread(0);
+    parentThread();
     return EXIT_SUCCESS;
 }
 
@@ -245,7 +220,10 @@ int main(int argc, char** argv) {
     draw_second();
     print_banner();
     if (config.showconfigonly != 0 || config.debug != 0) print_config();
-    if (config.showconfigonly != 0) return EXIT_SUCCESS;
+    if (config.showconfigonly != 0) {
+        docker_free(config.docker);
+        return EXIT_SUCCESS;
+    }
     pid_create();
     install_signals();
     return stats.ncustom_counters > 0 ? run_with_scripts() : run_with_docker();

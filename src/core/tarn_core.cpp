@@ -19,6 +19,7 @@
 #include "report/tarn_bson.h"
 #include "report/tarn_networking.h"
 #include "scripts/tarn_customs_core.h"
+#include "scripts/tarn_customs_process.h"
 
 namespace {
 
@@ -84,6 +85,7 @@ void updateCounters() {
     tarn::visit("done, redises... ", redis_family(), update);
     tarn::visit("done, mycustoms... ", mycustom_family(), update);
     trace("done, customs PARENT... %ld", std::time(nullptr));
+    watch_customs_process();
     read_customs_results();
     trace("done\n");
 }
@@ -142,9 +144,10 @@ std::uint64_t run_cycle(long t, std::uint64_t iteration) {
 int main_loop() {
     trace("Starting main loop\n");
     std::uint64_t iteration = 0;
+    cycle_clock clock;
     while (stop == 0) {
         const long t = std::time(nullptr) - parent_lag;
-        if (is_cycle_second(t)) iteration = run_cycle(t, iteration);
+        if (clock.is_due(t)) iteration = run_cycle(t, iteration);
         sleep_one_turn(reader_margin_ms);
     }
     trace("Exiting main loop\n");

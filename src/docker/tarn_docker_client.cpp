@@ -3,6 +3,8 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 
@@ -17,10 +19,14 @@ constexpr int socket_timeout_seconds = 1;
 constexpr auto answer_budget = std::chrono::seconds(1);
 constexpr std::size_t most_request = 1023;
 constexpr std::size_t first_answer = 4096;
-constexpr std::size_t most_answer = std::size_t{16} << 20U;
+constexpr std::size_t most_answer = std::size_t{4} << 20U;
 
-bool is_blank_or_control(char c) {
-    return static_cast<unsigned char>(c) <= ' ' || c == '\x7F';
+/// A name as the engine allows it.
+bool is_container_name(std::string_view name) {
+    const auto is_alphanumeric = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
+    return !name.empty() && is_alphanumeric(name.front()) &&
+           std::all_of(name.begin(), name.end(),
+                       [&](char c) { return is_alphanumeric(c) || c == '_' || c == '.' || c == '-'; });
 }
 
 enum class step { more, complete, failed };
@@ -64,10 +70,10 @@ tarn::unique_fd tarn_docker_connect(std::string_view sock_path) {
 }
 
 std::optional<std::string> tarn_docker_request(std::string_view before, std::string_view name,
-                                               std::string_view behind) {
-    if (std::any_of(name.begin(), name.end(), is_blank_or_control)) return std::nullopt;
+                                               std::string_view after) {
+    if (!is_container_name(name)) return std::nullopt;
     std::string request = "GET ";
-    request.append(before).append(name).append(behind).append(" HTTP/1.0\n\n");
+    request.append(before).append(name).append(after).append(" HTTP/1.0\n\n");
     if (request.size() > most_request) return std::nullopt;
     return request;
 }

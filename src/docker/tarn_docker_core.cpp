@@ -2,9 +2,13 @@
 // NetworkSettings.IPAddress are used.
 #include "docker/tarn_docker_core.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <exception>
 
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
@@ -21,6 +25,11 @@ std::atomic_ref<std::uint16_t> shared_count(const tarn_docker& docker) {
     return std::atomic_ref(docker.shared().count);
 }
 
+/// True when this run only shows the configuration and the table is that of an agent that runs.
+bool is_left_alone(const tarn_docker& docker) {
+    return config.showconfigonly != 0 && tarn::is_block_of_other_agent(docker.block.id());
+}
+
 /// The configured socket until the statistics process, as it starts, sets the default one.
 std::string_view socket_path(const tarn_docker& docker) {
     const bool is_default = tarn::text_of(docker.shared().sock_path) == tarn_docker_default_socket;
@@ -29,15 +38,18 @@ std::string_view socket_path(const tarn_docker& docker) {
 }
 
 /// Hands what the parent knows of a container to the statistics process. The CPU figure is that one's own.
-void publish(const tarn_docker& docker, std::size_t index) {
+void publish(tarn_docker& docker, std::size_t index) {
     const tarn_docker_container_t& known = docker.containers[index];
     tarn_docker_container_t& shared = docker.shared().containers[index];
     tarn::copy_text(shared.name, known.name);
     tarn::copy_text(shared.ip, known.ip);
     shared.running = known.running;
     shared.state = known.state;
-    shared_count(docker).store(static_cast<std::uint16_t>(docker.containers.size()),
-                               std::memory_order_release);
+    const auto count = static_cast<std::uint16_t>(docker.containers.size());
+    if (shared_count(docker).exchange(count, std::memory_order_acq_rel) == count) return;
+    if (!docker.statistics_process) return;
+    const bool is_gone = ::write(docker.statistics_process.get(), "", 1) < 0 && errno == EPIPE;
+    if (is_gone) docker.statistics_process.reset();
 }
 
 /// The answer to the inspection of a container; an empty text when there is none.
@@ -83,28 +95,29 @@ int docker_init(tarn_docker*& docker) {
     static tarn_docker table;
     const key_t key = tarn_docker_key();
     if (docker != nullptr && docker->key != key) docker_free(docker);
-    docker = nullptr;
-    const int id = tarn::create_block(key, sizeof(tarn_docker_t));
-    if (id < 0) std::perror("shmget");
-    table = {key, tarn::attached_block(id), {}};
+    if (docker == nullptr) {
+        table = {key, tarn::attached_block(tarn::claim_block(key, sizeof(tarn_docker_t))), {}, {}};
+    }
     if (!table.block) {
+        std::perror("shmget");
         docker_log("no container table, going on without containers");
         return 0;
     }
-    tarn::copy_text(table.shared().sock_path, tarn_docker_default_socket);
-    shared_count(table) = 0;
+    table.containers.clear();
+    docker_set_socket(table, tarn_docker_default_socket);
+    if (!is_left_alone(table)) shared_count(table) = 0;
     trace("shmget() succeeded key = %d\n", key);
     docker = &table;
     return 1;
 }
 
 void docker_set_socket(tarn_docker& docker, std::string_view path) {
-    tarn::copy_text(docker.shared().sock_path, path);
+    if (!is_left_alone(docker)) tarn::copy_text(docker.shared().sock_path, path);
 }
 
 void docker_free(tarn_docker*& docker) {
     if (docker == nullptr) return;
-    docker->block.remove();
+    if (!tarn::is_block_of_other_agent(docker->block.id())) docker->block.remove();
     *docker = {};
     docker = nullptr;
 }
@@ -157,7 +170,11 @@ int tarn_docker_update_info(tarn_docker& docker, std::string_view name) {
 int tarn_docker_update(tarn_docker* docker) {
     if (docker == nullptr) return 0;
     for (const tarn_docker_container_t& container : docker->containers) {
-        tarn_docker_update_info(*docker, container.name);
+        try {
+            tarn_docker_update_info(*docker, container.name);
+        } catch (const std::exception& error) {
+            std::printf("[docker] %s: %s\n", container.name, error.what());
+        }
     }
     return 0;
 }

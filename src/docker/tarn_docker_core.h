@@ -49,6 +49,7 @@ struct tarn_docker {
     key_t key = 0;  ///< System V key of the block
     tarn::attached_block block;
     std::vector<tarn_docker_container_t> containers;
+    tarn::unique_fd statistics_process;  ///< pipe to that process: a byte for each change of the count
 
     [[nodiscard]] tarn_docker_t& shared() const { return *static_cast<tarn_docker_t*>(block.get()); }
 };
@@ -56,15 +57,16 @@ struct tarn_docker {
 /// System V key of the container table: the one after the script results'.
 key_t tarn_docker_key();
 
-/// Creates the table, of which there is one, and points to it; a block that an earlier call made under
-/// another key is removed. Returns 1; 0, with a message and a null pointer, when there can be no table, and
-/// the agent then goes on without containers.
+/// Creates the table, of which there is one, empties it and points to it; a block that an earlier call made
+/// under another key is removed. The block of another agent that runs is shared; a run that only shows the
+/// configuration leaves such a block as it is. Returns 1; 0, with a message and a null pointer, when there
+/// can be no table, and the agent then goes on without containers.
 int docker_init(tarn_docker*& docker);
 
 /// Tells both processes where the engine listens.
 void docker_set_socket(tarn_docker& docker, std::string_view path);
 
-/// Gives the table up, if there is one, and removes its block from the system.
+/// Gives the table up, if there is one, and removes its block from the system unless another agent made it.
 void docker_free(tarn_docker*& docker);
 
 /// A connected stream to the engine's socket; none, with a message, when that fails. All waits on it are
@@ -72,13 +74,13 @@ void docker_free(tarn_docker*& docker);
 tarn::unique_fd tarn_docker_connect(std::string_view sock_path);
 
 /// The request for a path of the engine's API, "GET PATH HTTP/1.0" and two bare line feeds. Nothing for a
-/// path that does not fit, or that holds a blank or control character, which could smuggle in a request of
-/// its own.
+/// path that does not fit, and for a name other than a letter or digit followed by letters, digits, "_", "."
+/// and "-": any other could be a request of a local user's choice.
 std::optional<std::string> tarn_docker_request(std::string_view before, std::string_view name,
-                                               std::string_view behind);
+                                               std::string_view after);
 
 /// Sends one request and returns the whole answer. All waits together take at most a second; what has come by
-/// then is the answer. Nothing for a failure, whose message has been printed, and beyond 16 MiB.
+/// then is the answer. Nothing for a failure, whose message has been printed, and beyond 4 MiB.
 std::optional<std::string> tarn_docker_cmd(const tarn::unique_fd& sock, std::string_view request);
 
 /// The index of a container, or -1.

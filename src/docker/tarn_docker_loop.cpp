@@ -9,8 +9,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <vector>
 
 #include "record/tarn_turn.h"
 #include "support/tarn_json.h"
@@ -20,14 +24,66 @@
 
 namespace {
 
+using clock_type = std::chrono::steady_clock;
+
 constexpr int connect_timeout_seconds = 1;
-constexpr int wait_ms = 1000;
-/// A message is a few kilobytes; a stream whose object grows beyond this is none of the engine's.
-constexpr std::size_t most_pending = std::size_t{1} << 20U;
+constexpr auto life_without_parent = std::chrono::seconds(30);
+/// A message is a few kilobytes; a stream whose object grows beyond this did not come from the engine.
+constexpr std::size_t max_pending = std::size_t{1} << 20U;
 
 void docker_log_ch(const char* message) {
     std::printf("[docker-child] %s\n", message);
 }
+
+/// What the process waits for beside its streams: the parent and the stop signals.
+class waiter final {
+  public:
+    explicit waiter(tarn::unique_fd parent) : parent_(std::move(parent)) {}
+
+    /// True when the process has to end.
+    [[nodiscard]] bool is_over() const { return stop != 0 || is_orphaned(); }
+
+    /// True when the parent has been gone for so long that this process ends by itself.
+    [[nodiscard]] bool is_orphaned() const { return !parent_ && clock_type::now() >= end_; }
+
+    /// Waits until one of the streams can be read, the parent writes or ends, or a stop signal comes. The
+    /// last element is the parent's.
+    void wait(std::vector<pollfd>& polled) {
+        // Blocked until the wait begins: a signal must not come between the test of the flag and the wait.
+        sigset_t stop_signals;
+        sigset_t before;
+        ::sigemptyset(&stop_signals);
+        for (const int signum : {SIGTERM, SIGABRT, SIGINT})
+            ::sigaddset(&stop_signals, signum);
+        ::sigprocmask(SIG_BLOCK, &stop_signals, &before);
+        polled.back() = {parent_.get(), POLLIN, 0};
+        const int ready = stop == 0 ? wait_with(before, polled) : 0;
+        ::sigprocmask(SIG_SETMASK, &before, nullptr);
+        if (ready <= 0) {
+            for (pollfd& one : polled)
+                one.revents = 0;
+        }
+        if (polled.back().revents != 0) hear_parent();
+    }
+
+  private:
+    /// Without a parent the wait ends when its time does.
+    int wait_with(const sigset_t& mask, std::vector<pollfd>& polled) const {
+        const auto left = std::max(end_ - clock_type::now(), clock_type::duration::zero());
+        const timespec limit{std::chrono::ceil<std::chrono::seconds>(left).count(), 0};
+        return ::ppoll(polled.data(), polled.size(), parent_ ? nullptr : &limit, &mask);
+    }
+
+    void hear_parent() {
+        std::array<char, 128> bytes;
+        if (::read(parent_.get(), bytes.data(), bytes.size()) > 0) return;
+        parent_.reset();
+        end_ = clock_type::now() + life_without_parent;
+    }
+
+    tarn::unique_fd parent_;
+    clock_type::time_point end_ = clock_type::time_point::max();
+};
 
 /// One container that is followed.
 struct followed {
@@ -46,23 +102,25 @@ int container_count(tarn_docker_t& table) {
     std::exit(EXIT_FAILURE);
 }
 
-/// The path in the table is this process's own, but anybody may have written there since.
+/// Opens the stream of a container. The path in the table is this process's own, but anybody may have written
+/// there since, and so into the name: one that is not a container's is not followed.
 tarn::unique_fd get_fd_for_container_stats(std::string_view name) {
-    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout_seconds);
-    errno = connection.error;
-    if (connection.failed == tarn::stream_step::connect) give_up("connect");
-    if (!connection.socket) give_up("socket");
     const auto request = tarn_docker_request("/containers/", name, "/stats?stream=true");
-    errno = EINVAL;
-    if (!request || tarn::send_once(connection.socket, *request) < 0) give_up("send");
-    return std::move(connection.socket);
+    if (!request) return {};
+    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout_seconds);
+    const bool is_sent = connection.socket && tarn::send_once(connection.socket, *request) >= 0;
+    if (is_sent || stop != 0) return std::move(connection.socket);
+    if (connection.socket) give_up("send");
+    errno = connection.error;
+    give_up(connection.failed == tarn::stream_step::connect ? "connect" : "socket");
 }
 
-/// Waits for the first container; false when the stop flag is set first.
-bool wait_for_containers(tarn_docker_t& table) {
-    while (stop == 0 && container_count(table) == 0)
-        sleep_one_turn(writer_margin_ms);
-    return stop == 0;
+/// Waits for the first container; false when the process has to end first.
+bool wait_for_containers(tarn_docker_t& table, waiter& waiting) {
+    std::vector<pollfd> polled(1);
+    while (!waiting.is_over() && container_count(table) == 0)
+        waiting.wait(polled);
+    return !waiting.is_over();
 }
 
 /// Takes what a stream has brought; false when it is over.
@@ -72,7 +130,7 @@ bool serve(followed& container, double& cpu_usage) {
     if (got < 0 && errno == EINTR) return true;
     if (got <= 0) return false;
     std::string message = container.framer.feed({bytes.data(), static_cast<std::size_t>(got)});
-    if (container.framer.pending() > most_pending) return false;
+    if (container.framer.pending() > max_pending) return false;
     if (message.empty()) return true;
     parse_response(std::move(message), container.stats);
     container.stats.cpu_usage_percent = docker_cpu_percent(container.stats);
@@ -80,27 +138,52 @@ bool serve(followed& container, double& cpu_usage) {
     return true;
 }
 
+/// Drops a stream that is over, or whose message does not fit into memory.
+void serve_or_drop(followed& container, double& cpu_usage) {
+    try {
+        if (serve(container, cpu_usage)) return;
+    } catch (const std::exception& error) {
+        docker_log_ch(error.what());
+    }
+    container.stream.reset();
+    container.framer = {};
+}
+
 std::vector<followed> open_streams(tarn_docker_t& table) {
     std::vector<followed> containers(static_cast<std::size_t>(container_count(table)));
-    for (std::size_t at = 0; at < containers.size(); ++at) {
+    for (std::size_t at = 0; at < containers.size() && stop == 0; ++at) {
         const std::string name(tarn::text_of(table.containers[at].name).substr(0, 99));
         containers[at].stream = get_fd_for_container_stats(name);
     }
     return containers;
 }
 
-void follow(tarn_docker_t& table, std::vector<followed>& containers) {
-    std::vector<pollfd> polled(containers.size());
-    while (stop == 0) {
-        // A stream that is over has the descriptor -1, which poll() passes over.
-        for (std::size_t at = 0; at < polled.size(); ++at)
+void follow(tarn_docker_t& table, std::vector<followed>& containers, waiter& waiting) {
+    std::vector<pollfd> polled(containers.size() + 1);
+    while (!waiting.is_over()) {
+        // A stream that is over has the descriptor -1, which ppoll() ignores.
+        for (std::size_t at = 0; at < containers.size(); ++at)
             polled[at] = {containers[at].stream.get(), POLLIN, 0};
-        if (::poll(polled.data(), polled.size(), wait_ms) <= 0) continue;
-        for (std::size_t at = 0; at < polled.size(); ++at) {
-            if (polled[at].revents == 0) continue;
-            if (!serve(containers[at], table.containers[at].cpu_usage)) containers[at].stream.reset();
+        waiting.wait(polled);
+        for (std::size_t at = 0; at < containers.size(); ++at) {
+            if (polled[at].revents != 0) serve_or_drop(containers[at], table.containers[at].cpu_usage);
         }
     }
+}
+
+/// The loop of the process on its table. The block goes with it; an orphan leaves one that others use.
+void docker_loop(const tarn::attached_block& block, waiter& waiting) {
+    auto& table = *static_cast<tarn_docker_t*>(block.get());
+    if (wait_for_containers(table, waiting)) {
+        docker_log_ch("Started gathering stats");
+        std::vector<followed> containers = open_streams(table);
+        docker_log_ch("Started loop");
+        follow(table, containers, waiting);
+        docker_log_ch("Stopped loop");
+    }
+    docker_log_ch("Freeing shm");
+    if (!waiting.is_orphaned() || tarn::attached_processes(block.id()) == 1) block.remove();
+    docker_log_ch("Exiting");
 }
 
 double difference(std::int64_t now, std::int64_t before) {
@@ -130,21 +213,7 @@ double docker_cpu_percent(const docker_stats_t& stats) {
     return share * stats.ncpu * 100;
 }
 
-void docker_loop(const tarn::attached_block& block) {
-    auto& table = *static_cast<tarn_docker_t*>(block.get());
-    if (wait_for_containers(table)) {
-        docker_log_ch("Started gathering stats");
-        std::vector<followed> containers = open_streams(table);
-        docker_log_ch("Started loop");
-        follow(table, containers);
-        docker_log_ch("Stopped loop");
-    }
-    docker_log_ch("Freeing shm");
-    block.remove();
-    docker_log_ch("Exiting");
-}
-
-void dockerThread() {
+void dockerThread(tarn::unique_fd parent) {
     const key_t key = tarn_docker_key();
     ::sleep(1);
     const int id = tarn::find_block(key, sizeof(tarn_docker_t));
@@ -158,5 +227,6 @@ void dockerThread() {
     std::atomic_ref(table.count) = 0;
     tarn::copy_text(table.sock_path, tarn_docker_default_socket);
     std::printf("[docker-child] shmat() succeeded key = %d\n", key);
-    docker_loop(block);
+    waiter waiting(std::move(parent));
+    docker_loop(block, waiting);
 }

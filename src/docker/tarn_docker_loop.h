@@ -26,9 +26,6 @@ void parse_response(std::string text, docker_stats_t& stats);
 double docker_cpu_percent(const docker_stats_t& stats);
 
 /// The life of the statistics process: waits for the first container, then follows one stream of statistics
-/// per container until the stop flag is set.
-void dockerThread();
-
-/// The loop of that process on its table, whose block is removed at the end. Ends the process with status 1
-/// when the statistics of a container cannot be asked for.
-void docker_loop(const tarn::attached_block& block);
+/// per container until the stop flag is set. `parent` is the pipe on which the parent tells of new
+/// containers; 30 seconds after its end, which only the parent's own end brings, the process ends by itself.
+void dockerThread(tarn::unique_fd parent);

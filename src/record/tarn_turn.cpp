@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "record/tarn_config.h"
 
@@ -26,6 +27,10 @@ void sleep_one_turn(int margin_ms) {
 
 bool is_cycle_second(long t) {
     return static_cast<std::int64_t>(t) % static_cast<std::int64_t>(config.interval) == config.randomsecond;
+}
+
+bool cycle_clock::is_due(long t) {
+    return std::exchange(last_, t) != t && is_cycle_second(t);
 }
 
 std::uint64_t next_iteration(std::uint64_t iteration) {

@@ -18,6 +18,17 @@ void sleep_one_turn(int margin_ms);
 /// True when a cycle falls on second `t`: t modulo the report interval equals the agent's random second.
 bool is_cycle_second(long t);
 
+/// Tells the seconds on which a loop runs a cycle.
+class cycle_clock final {
+  public:
+    /// True when second `t` is a cycle's and was not the last one asked about: a clock that is set back
+    /// within the second of a cycle does not bring the same cycle twice.
+    bool is_due(long t);
+
+  private:
+    long last_ = -1;
+};
+
 /// The number of the cycle after this one. After 1163962800 the count says so and starts again at 0, which
 /// makes the next cycle a first one.
 std::uint64_t next_iteration(std::uint64_t iteration);

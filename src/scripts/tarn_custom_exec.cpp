@@ -1,10 +1,11 @@
 // Runs one script: a relaying process takes on the script's user, starts the shell and copies what it prints
 // into a pipe, so that a script that hangs can be left behind.
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/close_range.h>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,22 +52,32 @@ pipe_ends make_pipe() {
     return {tarn::unique_fd(ends[0]), tarn::unique_fd(ends[1])};
 }
 
-/// Takes on a user for good: real, effective and saved id, so that no program can change back. A user id that
-/// nobody has is refused, -1 among them, which to the kernel would mean "leave it as it is".
+/// Takes on a user for good: real, effective and saved id, so that no program can change back, and without
+/// the supplementary groups of root. The user need not be in the user table. -1 is refused: the kernel takes
+/// it for "leave the id as it is".
 bool become_user(int uid) {
     const auto user = static_cast<uid_t>(uid);
-    return ::getpwuid(user) != nullptr && ::setresuid(user, user, user) == 0;
+    const bool has_groups = ::setgroups(0, nullptr) != 0 && ::getgroups(0, nullptr) != 0;
+    return user != static_cast<uid_t>(-1) && !has_groups && ::setresuid(user, user, user) == 0;
 }
 
-/// The script gets standard input from nowhere, the two outputs, and the signals as they are by default.
+/// True for a stream that keeps what is written to it, or shows it on a terminal.
+bool is_file_or_terminal(int fd) {
+    struct stat status {};
+    return ::isatty(fd) == 1 || (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode));
+}
+
+/// The script gets standard input from nowhere, the two outputs, and the signals as they are by default. What
+/// it writes on standard error must not fill the disk that the agent's messages go to, nor reach a terminal.
 void clean_inheritance() {
     for (int signum = 1; signum < NSIG; ++signum)
         std::signal(signum, SIG_DFL);
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    const tarn::unique_fd nowhere(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const tarn::unique_fd nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
     if (nowhere) ::dup2(nowhere.get(), STDIN_FILENO);
+    if (nowhere && is_file_or_terminal(STDERR_FILENO)) ::dup2(nowhere.get(), STDERR_FILENO);
     ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
@@ -111,7 +122,7 @@ bool wait_for_output(const tarn::unique_fd& from, clock_type::time_point deadlin
 
 /// Reads the output until it ends, or goes on where the buffer is full. One time budget covers all waits.
 reading read_output(const tarn::unique_fd& from, int max_seconds, script_output& output) {
-    const auto deadline = clock_type::now() + std::chrono::seconds(max_seconds);
+    const auto deadline = clock_type::now() + std::chrono::seconds(std::max(max_seconds, 1));
     while (wait_for_output(from, deadline)) {
         if (output.length == output.text.size()) return reading::full;
         const ssize_t got =

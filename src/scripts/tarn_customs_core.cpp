@@ -27,14 +27,16 @@ char* slot_of(const tarn::attached_block& block, std::size_t at) {
     return static_cast<char*>(block.get()) + at * sizeof(data_custom);
 }
 
-/// The block's id. One that an earlier run left with another size is replaced. An id of 0 counts as a failure
-/// too.
+/// The block's id: the one claimed before, as long as it is there. An id of 0 counts as a failure.
 int publishing_block() {
-    const int id = tarn::create_block(config.shm_key, block_size());
-    if (id >= 1) return id;
+    static int claimed = -1;
+    if (claimed >= 1 && tarn::find_block(config.shm_key, block_size()) == claimed) return claimed;
+    claimed = tarn::claim_block(config.shm_key, block_size());
+    if (claimed >= 1) return claimed;
     std::perror("shmget");
     tarn::remove_block(config.shm_key);
-    return tarn::create_block(config.shm_key, block_size());
+    claimed = tarn::claim_block(config.shm_key, block_size());
+    return claimed;
 }
 
 void publish() {
@@ -111,9 +113,10 @@ void freeCustomsCounters() {
 int customs_loop() {
     trace("Starting customs loop\n");
     loop_state state;
+    cycle_clock clock;
     while (stop == 0) {
         const long now = std::time(nullptr);
-        if (is_cycle_second(now)) run_cycle(now, state);
+        if (clock.is_due(now)) run_cycle(now, state);
         sleep_one_turn(writer_margin_ms);
     }
     trace("Exiting customs loop\n");

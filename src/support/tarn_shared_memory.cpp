@@ -4,11 +4,17 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <optional>
+
+#include "support/tarn_process.h"
 
 namespace tarn {
 namespace {
 
 constexpr int permissions = 0666;
+/// A user who plants a new block as fast as one is removed gets the better of the agent only so often.
+constexpr int max_attempts = 100;
 
 int get_block(key_t key, std::size_t size, int flags) {
     if (key == IPC_PRIVATE) {
@@ -18,14 +24,58 @@ int get_block(key_t key, std::size_t size, int flags) {
     return ::shmget(key, size, flags);
 }
 
+std::optional<shmid_ds> status_of(int id) {
+    shmid_ds status{};
+    if (id < 0 || ::shmctl(id, IPC_STAT, &status) != 0) return std::nullopt;
+    return status;
+}
+
+bool is_roots(const shmid_ds& status, std::size_t size) {
+    return status.shm_perm.cuid == 0 && status.shm_perm.uid == 0 && status.shm_segsz == size;
+}
+
+/// Makes room for a block of the agent's own.
+void remove_unusable(key_t key) {
+    const auto status = status_of(get_block(key, 0, 0));
+    if (status && status->shm_perm.cuid != 0) {
+        std::printf("Removing a shared-memory block of user %u under key %d\n", status->shm_perm.cuid, key);
+    }
+    remove_block(key);
+}
+
 }  // namespace
 
 int find_block(key_t key, std::size_t size) {
-    return get_block(key, size, permissions);
+    const int id = get_block(key, size, permissions);
+    if (id < 0) return -1;
+    const auto status = status_of(id);
+    if (status && is_roots(*status, size)) return id;
+    errno = EACCES;
+    return -1;
 }
 
-int create_block(key_t key, std::size_t size) {
-    return get_block(key, size, permissions | IPC_CREAT);
+int claim_block(key_t key, std::size_t size) {
+    for (int attempt = 0; attempt < max_attempts; ++attempt) {
+        const int made = get_block(key, size, permissions | IPC_CREAT | IPC_EXCL);
+        if (made >= 0 || errno != EEXIST) return made;
+        const int found = get_block(key, size, permissions);
+        if (found < 0 && errno == EINVAL) std::perror("shmget");
+        const auto status = status_of(found);
+        if (status && is_roots(*status, size) && is_other_agent(status->shm_cpid)) return found;
+        remove_unusable(key);
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+bool is_block_of_other_agent(int id) {
+    const auto status = status_of(id);
+    return status && is_other_agent(status->shm_cpid);
+}
+
+std::size_t attached_processes(int id) {
+    const auto status = status_of(id);
+    return status ? status->shm_nattch : 0;
 }
 
 void remove_block(key_t key) {
@@ -33,10 +83,16 @@ void remove_block(key_t key) {
     if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
 }
 
+void remove_block_made_by(key_t key, pid_t maker) {
+    const int id = get_block(key, 0, 0);
+    const auto status = status_of(id);
+    if (status && status->shm_cpid == maker) ::shmctl(id, IPC_RMID, nullptr);
+}
+
 attached_block::attached_block(int id) : id_(id) {
-    if (id < 0) return;  // the reason that errno tells is the search's
+    if (id < 0) return;  // keeps errno of the failed lookup
     void* const at = ::shmat(id, nullptr, 0);
-    // The system's way to say "not attached" is the address -1.
+    // shmat returns the address -1 on failure.
     if (reinterpret_cast<std::intptr_t>(at) != -1) at_ = at;
 }
 

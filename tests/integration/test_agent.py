@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from tarn_host import BUILD, PID_FILE, Agent, Collector, FakeHost, golden, wait_for
+from tarn_host import BUILD, PID_FILE, Agent, Collector, FakeHost, golden, shm_keys, wait_for
 
 HELP, OSVER, SOCK = (golden(f"{name}.txt") for name in ("help", "osver", "sock"))
 
@@ -50,6 +50,30 @@ def test_bad_configurations_stop_the_start(tmp_path, config, message):
     with Agent(tmp_path, config) as agent:
         assert agent.process.wait(10) == 1
     assert agent.text.endswith(message)
+
+
+def test_a_second_agent_of_one_id_says_so_and_leaves_the_first_alone(tmp_path):
+    with Collector() as collector, Agent(tmp_path, collector.config()) as first:
+        collector.report()
+        for config, status, options in (("id 7\nuuid x\n", 1, ()), ("id 7\n", 0, ("--debug", "--showconfig"))):
+            with Agent(tmp_path, config, *options) as other:
+                assert other.process.wait(10) == status
+        assert "shmget() succeeded key = 8\n" in other.text
+        assert list(shm_keys()) == [8] and PID_FILE.read_text() == str(first.pid)
+        with Agent(tmp_path, collector.config()) as second:
+            second.wait_text("Successfully forked")
+            assert f"WARNING: another agent is running, pid {first.pid}\n" in second.text
+            assert PID_FILE.read_text() == str(second.pid)
+            second.stop()
+        assert PID_FILE.read_text() == str(first.pid)
+        assert first.stop()[0] == 0
+    assert shm_keys() == {} and not PID_FILE.exists()
+
+
+def test_showing_the_configuration_leaves_nothing(tmp_path):
+    with Agent(tmp_path, "id 7\n", "--debug", "--showconfig") as agent:
+        assert agent.process.wait(10) == 0
+    assert "shmget() succeeded key = 8\n" in agent.text and shm_keys() == {}
 
 
 def test_only_root_may_run_it():

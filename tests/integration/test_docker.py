@@ -1,7 +1,9 @@
 """Containers: a scripted engine for every state and fault, and a real one."""
 
 import json
+import os
 import re
+import signal
 import subprocess
 import time
 from pathlib import Path
@@ -10,7 +12,7 @@ import pytest
 
 from fake_server import FakeServer, captured, saying, saying_in_turn
 from real_servers import MariaDb, Redis, Server, run, template
-from tarn_host import Agent, Collector, shm_keys, wait_for
+from tarn_host import Agent, Collector, children, shm_keys, wait_for
 
 SOCKET = Path("/run/docker.sock")
 KEY = 7 + 1
@@ -163,18 +165,42 @@ def test_a_configured_socket_serves_until_the_other_process_sets_the_default(tmp
     assert not {KEY - 1, KEY} & set(shm_keys())
 
 
-def test_a_key_that_another_holds_means_no_containers(tmp_path):
-    run("ipcmk", "-M", "10")
-    made = next(iter(set(shm_keys())))
-    identity = (made - 1) & 0xFFFFFFFF
-    with Collector() as collector:
-        config = collector.config().replace("id 7", f"id {identity}")
-        with Agent(tmp_path, config) as agent:
-            assert "docker" not in collector.reports(1)[0]
-            agent.wait_text(f"[docker-child] shmget() failed for key = {made}, id=-1\n")
-            agent.stop()
+def test_without_a_key_there_are_no_containers(tmp_path):
+    with Collector() as collector, Agent(tmp_path, collector.config().replace("id 7", f"id {2**32 - 1}")) as agent:
+        assert "docker" not in collector.reports(1)[0]
+        agent.wait_text("[docker-child] shmget() failed for key = 0, id=-1\n")
+        agent.stop()
     assert agent.text.count("[docker] no container table, going on without containers\n") == 1
-    run("ipcrm", "-M", hex(made & 0xFFFFFFFF))
+
+
+def test_an_orphaned_statistics_process_ends_by_itself_and_harms_no_successor(tmp_path, redis):
+    def endless(cpu):
+        def stream(server, peer, _):
+            while True:
+                peer.sendall(statistics(cpu, 0))
+                time.sleep(0.2)
+        return stream
+
+    def with_cpu(collector, value):
+        return lambda: dict(collector.report().get("docker", {})).get("c", {}).get("cpu_usage") == value
+
+    with Engine({"c": inspection(Running=True)}, {"c": endless(100)}) as engine, Collector() as collector:
+        config = collector.config(lines(["c"], redis.port))
+        with Agent(tmp_path, config) as killed:
+            wait_for(with_cpu(collector, 20.0))
+            orphan = children(killed.pid)[0]
+            start = time.monotonic()
+            os.kill(killed.pid, signal.SIGKILL)
+            killed.process.wait()
+            engine.streams["c"] = endless(300)
+            with Agent(tmp_path, config) as successor:
+                wait_for(with_cpu(collector, 60.0))
+                assert all(with_cpu(collector, 60.0)() for _ in range(3))
+                wait_for(lambda: not Path(f"/proc/{orphan}").exists(), 40)
+                assert 29 < time.monotonic() - start < 35
+                assert KEY in shm_keys() and with_cpu(collector, 60.0)()
+                assert successor.stop()[0] == 0
+    assert "[docker-child] Exiting\n" in killed.text and KEY not in shm_keys()
 
 
 class Docker(Server):

@@ -4,6 +4,7 @@ import ctypes
 import os
 import shutil
 import signal
+import subprocess
 import tempfile
 import threading
 import time
@@ -70,12 +71,13 @@ def test_a_script_is_its_user_for_good_and_inherits_nothing(tmp_path, shell):
     command = ["unshare", "-m", "sh", "-c", f'mount --bind /bin/{shell} $(readlink -f /bin/sh) && exec "$@"', "sh"]
     os.set_inheritable(leaked := os.open("/etc/passwd", os.O_RDONLY), True)
     with Collector() as collector, scripts_agent(tmp_path, collector, [f"custom a b interval=1 . {probe}"],
-                                                 command=command, close_fds=False):
+                                                 command=command, close_fds=False, extra_groups=[1, 2]):
         result = first_with(collector, "a_b")
     os.close(leaked)
     shutil.rmtree(probe.parent)
     assert result["value"] == 65534.0
-    refused, descriptors, standard_input, signals, name = result["alerts"]
+    groups, refused, descriptors, standard_input, signals, name = result["alerts"]
+    assert groups == "0"
     assert "PermissionError" in refused
     assert (descriptors, standard_input) == ("4", "/dev/null")
     for mask in signals.split():
@@ -83,14 +85,27 @@ def test_a_script_is_its_user_for_good_and_inherits_nothing(tmp_path, shell):
     assert name == shell.replace("dash", "sh")
 
 
-@pytest.mark.parametrize("uid", [-1, 4242, 4294967295])
-def test_a_user_that_there_is_not_runs_nothing(tmp_path, uid):
-    lines = [f"custom a bad interval=1 uid={uid} echo 1", f"custom a status type=11001 interval=1 uid={uid} echo 1",
-             "custom a good interval=1 uid=0 id -u"]
+def test_any_number_but_minus_one_is_a_user(tmp_path):
+    lines = [f"custom a u{uid} interval=1 uid={uid} id -u" for uid in (-1, 4242, 4294967294, 4294967295, 0)]
+    lines.append("custom a status type=11001 interval=1 uid=-1 echo 1")
     with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
-        assert first_with(collector, "a_good")["value"] == 0.0
-        assert set(collector.report()["custom"]) == {"a_good"}
-        assert agent.text.count("EROROR! Cannot setuid\n") >= 2
+        first_with(collector, "a_u0")
+        values = {name: item["value"] for name, item in collector.report()["custom"].items()}
+        assert values == {"a_u4242": 4242.0, "a_u4294967294": 4294967294.0, "a_u0": 0.0}
+        assert agent.text.count("EROROR! Cannot setuid\n") >= 3
+
+
+@pytest.mark.parametrize("place", ["file", "pipe"])
+def test_standard_error_of_a_script_goes_into_no_file(tmp_path, place):
+    command = ["sh", "-c", f'exec "$@" 2>{tmp_path}/errors', "sh"] if place == "file" else ()
+    line = "custom a b interval=1 uid=0 readlink /proc/self/fd/2; readlink /proc/self/fd/2 >&2"
+    with Collector() as collector, scripts_agent(tmp_path, collector, [line], command=command) as agent:
+        first_with(collector, "a_b")
+        agent.stop()
+    if place == "file":
+        assert (tmp_path / "errors").read_text() == ""
+    else:
+        assert "\npipe:[" in agent.text
 
 
 def test_periods_and_differences_over_six_cycles(tmp_path):
@@ -151,6 +166,40 @@ def test_a_block_that_anybody_scribbles_over_harms_nobody(tmp_path):
         assert agent.stop()[0] == 0
 
 
+def plant(key, size):
+    """A block as any local user can make one."""
+    made = subprocess.run(["/usr/bin/python3", "-c", "import ctypes, sys; print(ctypes.CDLL(None).shmget("
+                           "int(sys.argv[1]), int(sys.argv[2]), 0o1666))", str(key), str(size)], user=65534, check=True,
+                          capture_output=True)
+    assert int(made.stdout) >= 0
+
+
+@pytest.mark.parametrize("size", [2640, 40000, 99999])
+def test_blocks_that_others_planted_are_replaced(tmp_path, size):
+    for key in (KEY, KEY + 1):
+        plant(key, size)
+    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+        assert first_with(collector, "a_b")["value"] == 5.0
+        owners = {int(row.split()[0]): row.split()[9] for row in Path("/proc/sysvipc/shm").read_text().splitlines()[1:]}
+        assert owners == {KEY: "0", KEY + 1: "0"}
+        agent.stop()
+    for key in (KEY, KEY + 1):
+        assert f"Removing a shared-memory block of user 65534 under key {key}\n" in agent.text
+
+
+def test_a_dead_script_process_is_named_and_started_again(tmp_path):
+    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+        first_with(collector, "a_b")
+        dead = children(agent.pid)[0]
+        os.kill(dead, signal.SIGKILL)
+        agent.wait_text("The script process has died, it is started again in the next cycle\n")
+        assert "a_b" not in collector.reports_of_now()[-1]["custom"]
+        assert first_with(collector, "a_b")["value"] == 5.0
+        assert dead not in children(agent.pid) and len(children(agent.pid)) == 1
+        status, seconds = agent.stop()
+    assert status == 0 and seconds < 2 and not {KEY, KEY + 1} & set(shm_keys())
+
+
 def test_a_script_process_whose_parent_dies_ends_too(tmp_path):
     with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
         first_with(collector, "a_b")
@@ -158,5 +207,4 @@ def test_a_script_process_whose_parent_dies_ends_too(tmp_path):
         os.kill(agent.pid, signal.SIGKILL)
         wait_for(lambda: not Path(f"/proc/{child}").exists() or "Z" in Path(f"/proc/{child}/stat").read_text())
         wait_for(lambda: KEY not in shm_keys())
-        time.sleep(0)
     Path("/var/run/tarn.pid").unlink()

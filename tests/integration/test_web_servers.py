@@ -10,7 +10,7 @@ import pytest
 
 from fake_server import FakeServer, captured, saying, saying_in_turn
 from real_servers import Apache, Nginx, PhpFpm, RabbitMq, http
-from tarn_host import PID_FILE, Agent, Collector, wait_for
+from tarn_host import PID_FILE, Agent, Collector, children, shm_keys, wait_for
 
 
 class Web:
@@ -155,8 +155,9 @@ def test_a_reset_in_the_middle_of_fastcgi_ends_the_agent(tmp_path):
         peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
     with FakeServer(reset) as peer, Collector() as collector:
-        with Agent(tmp_path, collector.config(f"fpm_a 127.0.0.1:{peer.port} /s\n")) as agent:
+        config = collector.config(f"fpm_a 127.0.0.1:{peer.port} /s\ncustom a b interval=1 echo 1\n")
+        with Agent(tmp_path, config) as agent:
+            child = wait_for(lambda: children(agent.pid))[0]
             assert agent.process.wait(10) == 1
-            agent.stop()
+            assert not Path(f"/proc/{child}").exists() and not PID_FILE.exists() and shm_keys() == {}
     assert "recv: Connection reset by peer\n" in agent.text
-    PID_FILE.unlink()

@@ -48,8 +48,9 @@ TEST(Docker, ABrokenObjectCostsOnlyItself) {
         EXPECT_EQ(framer.feed(broken + "\n" + message + "\n"), message) << broken;
         EXPECT_LE(framer.pending(), 1U);
     }
-    const std::string wide = "{\"a\":\n {\"b\":1}}";
-    EXPECT_EQ(tarn::json_framer().feed(wide), wide);
+    for (const std::string wide :
+         {"{\"a\":\n {\"b\":1}}", "{\"a\":\n{\"b\":1},\"c\":[\n{\"d\":2} ,\n{\"e\":3}]\n}"})
+        EXPECT_EQ(tarn::json_framer().feed(wide), wide);
 }
 
 TEST(Docker, TheTableHoldsAHundred) {
@@ -68,9 +69,12 @@ TEST(Docker, TheTableHoldsAHundred) {
     EXPECT_FALSE(tarn_docker_resolve(config.docker, "1"));
 }
 
-TEST(Docker, ARequestIsOneRequest) {
-    for (const char* const name : {"a b", "a\nPOST /x", "a\r", "a\x7F"})
+TEST(Docker, OnlyNamesOfContainersAreAskedFor) {
+    for (const char* const name :
+         {"", "a b", "a\nPOST /x", "-a", ".", "../x", "a/b", "a?b", "a%20", "\xC3\xA9"})
         EXPECT_FALSE(tarn_docker_request("/containers/", name, "/json")) << name;
+    EXPECT_EQ(tarn_docker_request("/containers/", "0a_B.c-d", "/json"),
+              "GET /containers/0a_B.c-d/json HTTP/1.0\n\n");
     EXPECT_TRUE(tarn_docker_request("/containers/", std::string(900, 'n'), "/json"));
     EXPECT_FALSE(tarn_docker_request("/containers/", std::string(1023, 'n'), "/json"));
 }

@@ -1,0 +1,44 @@
+#include "support/tarn_process.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <string>
+
+extern "C" {
+// The header of glibc 2.36 lacks the linkage for C++.
+#include <sys/pidfd.h>
+}
+
+namespace tarn {
+
+bool is_other_agent(pid_t pid) {
+    if (pid <= 0 || pid == ::getpid()) return false;
+    const auto own = read_file("/proc/self/comm");
+    const std::string name(own.value_or(""));
+    const auto other = read_file(("/proc/" + std::to_string(pid) + "/comm").c_str());
+    return other && !name.empty() && *other == name;
+}
+
+child_process::child_process(pid_t pid) : fd_(::pidfd_open(pid, 0)) {}
+
+bool child_process::has_ended() const {
+    return wait_end(0);
+}
+
+bool child_process::wait_end(int milliseconds) const {
+    pollfd polled{fd_.get(), POLLIN, 0};
+    return ::poll(&polled, 1, milliseconds) > 0;
+}
+
+void child_process::signal(int signum) const {
+    ::pidfd_send_signal(fd_.get(), signum, nullptr, 0);
+}
+
+void child_process::reap() {
+    siginfo_t status{};
+    ::waitid(P_PIDFD, static_cast<id_t>(fd_.get()), &status, WEXITED | WNOHANG);
+    fd_.reset();
+}
+
+}  // namespace tarn
