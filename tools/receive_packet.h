@@ -16,6 +16,6 @@ struct received_packet {
     std::string fault;                       ///< what is wrong, in a few words; empty when the packet is good
 };
 
-/// Checks one packet: the document's own length must account for every byte, the document must be valid BSON,
-/// and with a secret it must bear the right signature. Without a secret a signature is taken unseen.
+/// Checks one packet: the document's own length must account for every byte, with a secret the signature must
+/// be right, and the document must be valid BSON. Without a secret a signature is not checked.
 received_packet check_packet(std::span<const std::uint8_t> packet, std::string_view secret);

@@ -3,12 +3,15 @@
 #include <bson/bson.h>
 
 #include <array>
-#include <cinttypes>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string_view>
 
 namespace {
+
+/// The column in which values begin, unless the key reaches it.
+constexpr std::size_t value_column = 24;
 
 struct unit_row {
     std::string_view section;  ///< top-level element; in "mycustoms" the kind; "" for the top itself
@@ -144,8 +147,10 @@ std::string section_within(const bson_iter_t& container, const std::string& arou
     return names_kind ? bson_iter_utf8(&kind, nullptr) : around;
 }
 
-/// True when the elements' keys are "0", "1", ... as those of an array usually are.
-bool is_positional(bson_iter_t elements) {
+/// True when the keys of the container's elements are "0", "1", ... as those of an array usually are.
+bool is_positional(const bson_iter_t& container) {
+    bson_iter_t elements;
+    bson_iter_recurse(&container, &elements);
     for (std::size_t position = 0; bson_iter_next(&elements); ++position) {
         if (bson_iter_key(&elements) != std::to_string(position)) return false;
     }
@@ -159,7 +164,7 @@ void copy_container(const bson_iter_t& element, bson_t& copy) {
     bson_iter_t children;
     bson_t child;
     bson_iter_recurse(&element, &children);
-    if (BSON_ITER_HOLDS_ARRAY(&element) && is_positional(children)) {
+    if (BSON_ITER_HOLDS_ARRAY(&element) && is_positional(element)) {
         bson_append_array_begin(&copy, key, -1, &child);
         copy_elements(children, child);
         bson_append_array_end(&copy, &child);
@@ -190,11 +195,31 @@ std::string time_text(std::int32_t seconds) {
     return text.data();
 }
 
-/// Control characters would let a sender write on the reader's terminal.
+/// The length of the control character that a UTF-8 text begins with, 0 if it begins with another character.
+std::size_t control_length(std::string_view text) {
+    const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
+    // U+0080 to U+009F. To a terminal U+009B is what ESC and "[" are.
+    return byte(0) == 0xC2 && text.size() > 1 && byte(1) < 0xA0 ? 2 : 0;
+}
+
+/// Control characters would let a sender write on the reader's terminal: each is shown as \u00XX. In JSON
+/// this escapes those that libbson leaves as they are, which are U+007F to U+009F.
 std::string printable(std::string_view text) {
-    std::string clean(text);
-    for (char& c : clean) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    std::string clean;
+    while (!text.empty()) {
+        const std::size_t length = control_length(text);
+        if (length == 0) {
+            clean += text.front();
+            text.remove_prefix(1);
+            continue;
+        }
+        // The last byte is the whole code point in either length.
+        std::array<char, 8> escaped{};
+        std::snprintf(escaped.data(), escaped.size(), "\\u%04x",
+                      static_cast<unsigned char>(text[length - 1]));
+        clean += escaped.data();
+        text.remove_prefix(length);
     }
     return clean;
 }
@@ -216,12 +241,13 @@ std::string value_text(const bson_iter_t& element) {
     }
 }
 
-void lay_out(bson_iter_t elements, const std::string& section, std::size_t depth, std::string& text);
+void lay_out(bson_iter_t& elements, const std::string& section, std::size_t depth, std::string& text);
 
 void lay_out_element(const bson_iter_t& element, const std::string& section, std::size_t depth,
                      std::string& text) {
     const std::string_view key = bson_iter_key(&element);
-    text.append(2 * depth, ' ').append(printable(key));
+    const std::string start = std::string(2 * depth, ' ') + printable(key);
+    text += start;
     if (is_container(element)) {
         text += '\n';
         bson_iter_t children;
@@ -230,13 +256,13 @@ void lay_out_element(const bson_iter_t& element, const std::string& section, std
         return;
     }
     const bool is_time = depth == 0 && key == "time" && BSON_ITER_HOLDS_INT32(&element);
-    text.append(2 * depth + key.size() < 24 ? 24 - 2 * depth - key.size() : 1, ' ');
+    text.append(start.size() < value_column ? value_column - start.size() : 1, ' ');
     text += is_time ? time_text(bson_iter_int32(&element)) : value_text(element);
     if (const std::string_view unit = unit_of(section, key); !unit.empty()) text.append(" ").append(unit);
     text += '\n';
 }
 
-void lay_out(bson_iter_t elements, const std::string& section, std::size_t depth, std::string& text) {
+void lay_out(bson_iter_t& elements, const std::string& section, std::size_t depth, std::string& text) {
     while (bson_iter_next(&elements))
         lay_out_element(elements, section, depth, text);
 }
@@ -254,7 +280,7 @@ std::string report_as_json(std::span<const std::uint8_t> document) {
     copy_elements(elements, copy);
     const std::unique_ptr<char, bson_text_free> json(bson_as_relaxed_extended_json(&copy, nullptr));
     bson_destroy(&copy);
-    return json ? json.get() : "";
+    return json ? printable(json.get()) : "";
 }
 
 std::string report_as_text(std::span<const std::uint8_t> document) {

@@ -24,6 +24,11 @@ std::span<const std::uint8_t> bytes_of(const std::string& text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
+std::string signed_with(const std::string& document, std::string_view secret) {
+    const tarn_signature signature = signature_of(bytes_of(document), secret);
+    return document + std::string(signature.begin(), signature.end());
+}
+
 /// A document in which so many others lie one in the other.
 std::string nested(int levels) {
     const std::string inner = levels > 0 ? std::string("\3a\0", 3) + nested(levels - 1) : "";
@@ -35,19 +40,28 @@ std::string nested(int levels) {
 
 TEST(Receive, OnlyWholeAndRightlySignedPacketsAreTaken) {
     const std::string report = small_report();
-    const tarn_signature good = signature_of(bytes_of(report), "abc");
-    const std::string sent = report + std::string(good.begin(), good.end());
+    const std::string sent = signed_with(report, "abc");
+    const std::string unparsable("\x08\0\0\0~a\0\0", 8);
     const std::tuple<std::string, std::string, std::string> rows[] = {
         {report, "", ""},
         {sent, "", ""},
         {sent, "abc", ""},
         {report, "abc", "not signed"},
         {sent, "abd", "wrong signature"},
+        {unparsable, "abc", "not signed"},
+        {signed_with(unparsable, "abd"), "abc", "wrong signature"},
+        {signed_with(unparsable, "abc"), "abc", "not valid BSON"},
         {report + "x", "", "a document of 88 bytes does not fit a packet of 89"},
         {report.substr(0, 87), "", "a document of 88 bytes does not fit a packet of 87"},
         {"", "", "shorter than any document"},
-        {std::string("\x08\0\0\0~a\0\0", 8), "", "not valid BSON"},
+        {unparsable, "", "not valid BSON"},
+        // Code with a scope, a regular expression and a key that are not UTF-8, an array without its end, a
+        // text with a zero byte.
         {std::string("\x15\0\0\0\x0F\0\x0E\0\0\0\1\0\0\0\0\5\0\0\0\0\0", 21), "", "not valid BSON"},
+        {std::string("\x0B\0\0\0\x0Br\0\xFF\0\0\0", 11), "", "not valid BSON"},
+        {std::string("\x0C\0\0\0\x10\x9B\0\1\0\0\0\0", 12), "", "not valid BSON"},
+        {std::string("\x12\0\0\0\4a\0\x0A\0\0\0\xFF\x90\6\x10\0\x10\0", 18), "", "not valid BSON"},
+        {std::string("\x0F\0\0\0\2a\0\3\0\0\0b\0\0\0", 15), "", "not valid BSON"},
         {nested(1000), "", "not valid BSON"}};
     for (const auto& [packet, secret, fault] : rows) {
         const received_packet result = check_packet(bytes_of(packet), secret);
@@ -64,4 +78,16 @@ TEST(Receive, NamesInArraysAreNotLost) {
     const std::string text = report_as_text(bytes_of(report));
     EXPECT_NE(text.find("time                    1970-01-01 00:00:00 UTC\n"), std::string::npos);
     EXPECT_NE(text.find("  free                  5 kB\n"), std::string::npos);
+}
+
+TEST(Receive, ControlCharactersAreEscapedInKeysAndValues) {
+    bson_t document = BSON_INITIALIZER;
+    const std::string text = "a\x01\x1B[2J\x7F\xC2\x80\xC2\x9F \xC2\xA0\xC3\x9F";
+    tarn::append_text(document, text, text);
+    const std::string shown = R"(a\u0001\u001b[2J\u007f\u0080\u009f )"
+                              "\xC2\xA0\xC3\x9F";
+    const std::span<const std::uint8_t> bytes(bson_get_data(&document), document.len);
+    EXPECT_EQ(report_as_json(bytes), "{ \"" + shown + "\" : \"" + shown + "\" }");
+    EXPECT_EQ(report_as_text(bytes), shown + " " + shown + "\n");
+    bson_destroy(&document);
 }
