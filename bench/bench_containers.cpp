@@ -2,11 +2,10 @@
 // per container must stay flat. The engine gives every request the answer that a real one gave.
 #include <benchmark/benchmark.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "bench_peer.h"
+#include "captures.h"
 #include "docker/tarn_docker_core.h"
 #include "record/tarn_config.h"
 
@@ -14,8 +13,7 @@ namespace {
 
 void containers(benchmark::State& state) {
     const std::string path = "/tmp/tarn-bench-engine.sock";
-    std::ifstream capture(CAPTURES "/container.txt", std::ios::binary);
-    peer engine({std::string(std::istreambuf_iterator<char>(capture), {})}, path);
+    peer engine({captured("container.txt")}, path);
     init_config();
     config.id = 0x7A726E62;
     config.shm_key = static_cast<key_t>(config.id);

@@ -17,20 +17,18 @@
 #include "report/tarn_bson.h"
 #include "report/tarn_sign.h"
 #include "support/tarn_files.h"
-#include "support/tarn_text.h"
 
 std::size_t one_cycle() {
     static std::vector<std::uint8_t> packet;
     updateCounters();
     deltaCounters(1);
-    sign(stats_to_bson(), packet);
+    sign(stats_to_bson(), "secret", packet);
     return packet.size();
 }
 
 host_counters::host_counters() {
     init_config();
     config.id = 7;
-    tarn::fill_text(config.secret, "secret");
     setCoreCounters();
     initCounters(0);
     one_cycle();

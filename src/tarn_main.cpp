@@ -14,16 +14,15 @@
 #include "config/tarn_options.h"
 #include "core/tarn_core.h"
 #include "core/tarn_pid_file.h"
+#include "customs/tarn_customs_process.h"
 #include "docker/tarn_docker_core.h"
 #include "docker/tarn_docker_loop.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_counter.h"
 #include "record/tarn_trace.h"
-#include "record/tarn_turn.h"
-#include "scripts/tarn_customs_process.h"
 #include "services/tarn_mysqlclient.h"
 #include "services/tarn_postgreclient.h"
-#include "support/tarn_dynamic_library.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 #include "support/tarn_version.h"
@@ -87,44 +86,6 @@ void free_docker() {
     docker_free(config.docker);
 }
 
-/// A library that opened but lacks a function counts as absent, like one that did not open.
-void load_mysql() {
-    std::printf("Mysql is on\n");
-    const std::string path(tarn::text_of(config.mysql_lib));
-    if (init_mysql_lib() != 0) {
-        std::printf("Mysql found and loaded = %s\n", path.c_str());
-        return;
-    }
-    std::printf("ERROR loading mysql = %s\n", path.c_str());
-    if (config.mysql_handle != nullptr) std::printf("Closing libmysql\n");
-    tarn::close_library(config.mysql_handle);
-}
-
-/// As load_mysql().
-void load_postgre() {
-    std::printf("Postrgre is on\n");
-    const std::string path(tarn::text_of(config.postgre_lib));
-    if (init_postgre_lib() != 0) {
-        std::printf("Postgre found and loaded = %s\n", path.c_str());
-        return;
-    }
-    std::printf("Error loading postgre = %s\n", path.c_str());
-    if (config.postgre_handle != nullptr) std::printf("Closing libpostgre\n");
-    tarn::close_library(config.postgre_handle);
-}
-
-void close_libraries() {
-    if (config.mysql_handle != nullptr) {
-        std::printf("Closing libmysql\n");
-        mysql_library_end_stub();
-        tarn::close_library(config.mysql_handle);
-    }
-    if (config.postgre_handle != nullptr) {
-        std::printf("Closing libpq\n");
-        tarn::close_library(config.postgre_handle);
-    }
-}
-
 /// What an agent that ends must not leave behind, however it ends.
 void leave_nothing() {
     if (::getpid() != parent_id) return;  // a process forked later has inherited the call
@@ -140,8 +101,8 @@ void parentThread() {
     // Nobody asks for the status of a child; where the agent is the first process of a container, what
     // scripts leave behind becomes its child, too.
     std::signal(SIGCHLD, SIG_IGN);
-    if (config.mysql_on != 0) load_mysql();
-    if (config.postgre_on != 0) load_postgre();
+    tarn::load_mysql();
+    tarn::load_postgre();
     setCoreCounters();
     initCounters(std::time(nullptr));
     main_loop();
@@ -150,7 +111,8 @@ void parentThread() {
         std::printf("Killing child...\n");
         stop_customs_process();
     }
-    close_libraries();
+    tarn::close_mysql();
+    tarn::close_postgre();
     free_docker();
     free_config();
     trace("removing pid\n");

@@ -1,3 +1,4 @@
+// The configuration files, read line by line: a setting, a counter, or ignored.
 #include "config/tarn_config_files.h"
 
 #include <glob.h>
@@ -5,9 +6,9 @@
 
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <span>
 
+#include "config/tarn_identity.h"
 #include "config/tarn_kinds.h"
 #include "config/tarn_settings.h"
 #include "record/tarn_config.h"
@@ -41,30 +42,6 @@ void warn_if_writable(const char* path, std::FILE& file) {
         std::printf("WARNING: others than root can write to config file %s\n", path);
 }
 
-/// A server is known by its id, or by a UUID together with the names of the server and its project.
-int check_identity() {
-    if (config.id != 0) return 0;
-    const std::size_t length = std::strlen(config.uuid);
-    if (length == 0) {
-        std::printf("ERROR: set server id or uuid!\n");
-        return 1;
-    }
-    if (length != 36) {
-        std::printf("ERROR: UUID must be in aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee format\n");
-        return 1;
-    }
-    int result = 0;
-    if (config.server_name[0] == '\0') {
-        std::printf("ERROR: When using server UUID instead of ID, 'server_name' must be specified\n");
-        result = 1;
-    }
-    if (config.project_name[0] == '\0') {
-        std::printf("ERROR: When using server UUID instead of ID, 'project_name' must be specified\n");
-        result = 1;
-    }
-    return result;
-}
-
 /// Owns what glob() found.
 class glob_result final {
   public:
@@ -83,14 +60,6 @@ class glob_result final {
 };
 
 }  // namespace
-
-int parse_uuid(const char* text, key_t& key) {
-    unsigned a = 0, b = 0, c = 0, d = 0, e = 0;
-    // "%X" reads a longer group modulo 2^32, which is what the key is made of.
-    const int read = std::sscanf(text, "%X-%X-%X-%X-%X", &a, &b, &c, &d, &e);  // NOLINT(cert-err34-c)
-    key = static_cast<key_t>(a ^ b ^ c ^ d ^ e);
-    return read == 5 ? 1 : 0;
-}
 
 int parse_config_file(const char* path) {
     trace("Reading config file %s\n", path);

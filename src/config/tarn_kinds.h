@@ -3,5 +3,5 @@
 #include "config/tarn_config_line.h"
 
 /// Registers the counter of a line whose key names a counter kind. A line beyond the capacity of its family
-/// is named and ignored; a key that names no kind is passed over in silence.
+/// is reported and ignored; any other key is ignored silently.
 void register_counter(const config_line& line);

@@ -1,3 +1,4 @@
+// The command line: one table of options, and the diagnostic modes.
 #include "config/tarn_options.h"
 
 #include <cstdio>
@@ -14,7 +15,7 @@
 
 namespace {
 
-/// What follows on the command line; each option may take one word off it.
+/// The rest of the command line; an option may take one word of it.
 struct arguments {
     char** next;
     char** end;
@@ -38,31 +39,32 @@ void print_version(arguments& /*rest*/) {
     std::exit(EXIT_SUCCESS);
 }
 
-/// The operating system as it stands after init alone: this mode takes no sample.
-void print_osversion(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = stats.core_counters[core_os];
-    mycustom_set(counter, {}, {os_init, nullptr, os_update, nullptr, os_tobson, os_dump, os_free});
+/// Binds a host counter that one diagnostic mode drives alone.
+tarn_mycustom_counter& bound(tarn_core_slot slot, const tarn_operations& operations) {
+    tarn_mycustom_counter& counter = stats.core_counters[slot];
+    mycustom_set(counter, {}, operations);
     counter.init(counter);
+    return counter;
+}
+
+/// The operating system after init alone: this mode takes no sample.
+void print_osversion(arguments& /*rest*/) {
+    tarn_mycustom_counter& counter = bound(core_os, os_operations);
     counter.dump(counter);
     counter.free(counter);
     std::exit(EXIT_SUCCESS);
 }
 
-/// Drives the interface counter once; no dump belongs to this mode.
+/// Drives the interface counter once; this mode has no dump.
 void print_ifsstats(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = stats.core_counters[core_net];
-    mycustom_set(counter, {}, {net_init, nullptr, net_update, nullptr, net_tobson, net_dump, net_free});
-    counter.init(counter);
+    tarn_mycustom_counter& counter = bound(core_net, net_operations);
     counter.update(counter);
     counter.free(counter);
     std::exit(EXIT_SUCCESS);
 }
 
 void print_sockstats(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = stats.core_counters[core_socket];
-    mycustom_set(counter, {},
-                 {socket_init, nullptr, socket_update, nullptr, socket_tobson, socket_dump, socket_free});
-    counter.init(counter);
+    tarn_mycustom_counter& counter = bound(core_socket, socket_operations);
     counter.update(counter);
     counter.dump(counter);
     counter.free(counter);
@@ -77,7 +79,7 @@ void enable_showconfig(arguments& /*rest*/) {
     config.showconfigonly = 1;
 }
 
-/// The next word, whatever it is; null, with a message, when the option is the last one.
+/// The next word, whatever it is; null, with a message, after the last one.
 const char* take_argument(const char* option, arguments& rest) {
     if (rest.next == rest.end) {
         std::printf("Option %s needs an argument\n", option);
@@ -88,14 +90,14 @@ const char* take_argument(const char* option, arguments& rest) {
 
 void set_config_file(arguments& rest) {
     if (const char* const path = take_argument("--config", rest)) {
-        tarn::copy_text(config.configFile, path);
+        tarn::copy_terminated(config.configFile, path);
         std::printf("Config file: %s\n", config.configFile);
     }
 }
 
 void set_config_pattern(arguments& rest) {
     if (const char* const pattern = take_argument("--conf-glob", rest)) {
-        tarn::copy_text(config.extConfigPattern, pattern);
+        tarn::copy_terminated(config.extConfigPattern, pattern);
         std::printf("Ext config pattern: %s\n", config.extConfigPattern);
     }
 }

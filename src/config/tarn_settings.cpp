@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "config/tarn_config_files.h"
+#include "config/tarn_identity.h"
 #include "config/tarn_settings.h"
 #include "docker/tarn_docker_core.h"
 #include "record/tarn_config.h"
@@ -24,28 +24,28 @@ line_result number(const config_line& line) {
 /// A text of at most one character less than its field holds, terminated.
 template <auto Field>
 line_result text(const config_line& line) {
-    tarn::copy_text(config.*Field, line.value);
+    tarn::copy_terminated(config.*Field, line.value);
     return line_result::taken;
 }
 
 /// A text that may fill its field to the last character.
 template <auto Field>
 line_result whole_text(const config_line& line) {
-    tarn::fill_text(config.*Field, line.value);
+    tarn::copy_padded(config.*Field, line.value);
     return line_result::taken;
 }
 
 /// A secret may be longer than other words: 256 characters, which fill its field.
 line_result secret(const config_line& line) {
-    tarn::fill_text(config.secret, line.whole_value);
+    tarn::copy_padded(config.secret, line.whole_value);
     return line_result::taken;
 }
 
-/// One more text of a list; what a full list cannot hold is dropped.
+/// One more text of a list; a full list ignores it.
 template <auto List, auto Count>
 line_result one_more(const config_line& line) {
     if (config.*Count < static_cast<int>(std::size(config.*List))) {
-        tarn::copy_text((config.*List)[config.*Count], line.value);
+        tarn::copy_terminated((config.*List)[config.*Count], line.value);
         ++(config.*Count);
     }
     return line_result::taken;
@@ -76,9 +76,9 @@ line_result server_id(const config_line& line) {
 }
 
 line_result server_uuid(const config_line& line) {
-    tarn::copy_text(config.uuid, line.value);
+    tarn::copy_terminated(config.uuid, line.value);
     if (parse_uuid(config.uuid, config.shm_key) == 0) {
-        std::printf("ERROR: UUID must be in aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee format\n");
+        std::printf("%s", bad_uuid_message);
         return line_result::malformed;
     }
     start_docker();
@@ -90,7 +90,7 @@ line_result transport(const config_line& line) {
     return line_result::taken;
 }
 
-/// The path is the rest of the line behind one separator, so that it may hold blanks.
+/// The path is the rest of the line after one separator, so that it may hold blanks.
 line_result docker_socket(const config_line& line) {
     config.docker_sock_path = tarn::remove_newline_ch(line.after(line.key.size() + 1));
     if (config.docker != nullptr) docker_set_socket(*config.docker, config.docker_sock_path);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "customs/tarn_customs_core.h"
+#include "customs/tarn_customs_process.h"
 #include "docker/tarn_docker_core.h"
 #include "host/tarn_cpu.h"
 #include "host/tarn_disk.h"
@@ -11,15 +13,14 @@
 #include "host/tarn_net.h"
 #include "host/tarn_os.h"
 #include "host/tarn_socket.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_counter.h"
 #include "record/tarn_trace.h"
-#include "record/tarn_turn.h"
 #include "record/tarn_walk.h"
 #include "report/tarn_bson.h"
+#include "report/tarn_bson_print.h"
 #include "report/tarn_networking.h"
-#include "scripts/tarn_customs_core.h"
-#include "scripts/tarn_customs_process.h"
 
 namespace {
 
@@ -29,18 +30,16 @@ constexpr long parent_lag = 2;
 }  // namespace
 
 void setCoreCounters() {
+    struct {
+        tarn_core_slot slot;
+        const tarn_operations* operations;
+    } static constexpr rows[] = {{core_os, &os_operations},       {core_mem, &mem_operations},
+                                 {core_cpu, &cpu_operations},     {core_socket, &socket_operations},
+                                 {core_mount, &mount_operations}, {core_disk, &disk_operations},
+                                 {core_net, &net_operations}};
     trace("set core counters... ");
-    const auto bind = [](tarn_core_slot slot, const tarn_operations& operations) {
-        mycustom_set(stats.core_counters[slot], {}, operations);
-    };
-    bind(core_os, {os_init, nullptr, os_update, nullptr, os_tobson, os_dump, os_free});
-    bind(core_mem, {mem_init, nullptr, mem_update, mem_delta, mem_tobson, mem_dump, mem_free});
-    bind(core_cpu, {cpu_init, nullptr, cpu_update, cpu_delta, cpu_tobson, cpu_dump, cpu_free});
-    bind(core_socket,
-         {socket_init, nullptr, socket_update, nullptr, socket_tobson, socket_dump, socket_free});
-    bind(core_mount, {mount_init, nullptr, mount_update, nullptr, mount_tobson, mount_dump, mount_free});
-    bind(core_disk, {disk_init, nullptr, disk_update, disk_delta, disk_tobson, disk_dump, disk_free});
-    bind(core_net, {net_init, nullptr, net_update, net_delta, net_tobson, net_dump, net_free});
+    for (const auto& row : rows)
+        mycustom_set(stats.core_counters[row.slot], {}, *row.operations);
     stats.ncore_counters = core_slots;
     trace("done\n");
 }

@@ -1,33 +1,23 @@
-// A user's script: run now and then by the script process, its number and alert lines reported by the parent.
-#include "scripts/tarn_custom.h"
+// A user's script: run on its own period by the script process, its number and alert lines reported by the
+// parent.
+#include "customs/tarn_custom.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
+#include "customs/tarn_custom_conf.h"
+#include "customs/tarn_custom_exec.h"
 #include "record/tarn_config.h"
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_text.h"
 
 namespace {
 
 using data_custom = tarn_mycustom_data_custom;
 
-constexpr int most_alerts = static_cast<int>(std::size(data_custom{}.agent_alerts));
-
-void append_alerts(bson_t& document, const data_custom& data) {
-    tarn::sub_array alerts(document, "alerts");
-    for (int at = 0; at < data.agent_alerts_count; ++at) {
-        tarn::append_text(alerts.document(), std::to_string(at), data.agent_alerts[at].text);
-    }
-}
-
-}  // namespace
-
 int custom_init(tarn_mycustom_counter& cnt) {
-    tarn::allocate_records<data_custom>(cnt);
-    tarn::copy_text(cnt.report, "Custom");
+    tarn::allocate_records<data_custom>(cnt, "Custom");
     custom_parse_conf(cnt);
     if (cnt.exec[0] == '\0') std::printf("Custom counter %s %s has no command\n", cnt.report, cnt.id);
     if (cnt.interval < 1) {
@@ -63,10 +53,11 @@ int custom_delta(tarn_mycustom_counter& cnt, std::uint32_t /*interval*/, std::ui
     return 1;
 }
 
-void custom_confine(tarn_mycustom_data_custom& data) {
-    data.agent_alerts_count = std::clamp(data.agent_alerts_count, 0, most_alerts);
-    for (tarn_mycustom_agent_alert& alert : data.agent_alerts)
-        alert.text[sizeof alert.text - 1] = '\0';
+void append_alerts(bson_t& document, const data_custom& data) {
+    tarn::sub_array alerts(document, "alerts");
+    for (int at = 0; at < data.agent_alerts_count; ++at) {
+        tarn::append_text(alerts.document(), std::to_string(at), data.agent_alerts[at].text);
+    }
 }
 
 int custom_tobson(tarn_mycustom_counter& cnt, bson_t& document) {
@@ -74,7 +65,7 @@ int custom_tobson(tarn_mycustom_counter& cnt, bson_t& document) {
     if (delta.mustBeUpdated == 0 || delta.updated == 0) return 1;
     const auto seconds = static_cast<std::uint32_t>(cnt.interval) * config.interval;
 
-    tarn::sub_document custom(document, std::string(cnt.report) + "_" + cnt.id);
+    tarn::sub_document custom(document, tarn::labelled_key(cnt));
     tarn::append_text(custom.document(), "report", cnt.report);
     tarn::append_text(custom.document(), "name", cnt.id);
     tarn::append_int32(custom.document(), "interval", static_cast<std::int32_t>(seconds));
@@ -100,7 +91,19 @@ int custom_dump(tarn_mycustom_counter& cnt) {
     return 1;
 }
 
-int custom_free(tarn_mycustom_counter& cnt) {
-    tarn::release_records<data_custom>(cnt);
-    return 1;
+}  // namespace
+
+void custom_confine(tarn_mycustom_data_custom& data) {
+    data.agent_alerts_count = std::clamp(data.agent_alerts_count, 0, custom_max_alerts);
+    for (tarn_mycustom_agent_alert& alert : data.agent_alerts)
+        alert.text[sizeof alert.text - 1] = '\0';
 }
+
+const tarn_operations custom_operations = {
+    .init = custom_init,
+    .update = custom_update,
+    .delta = custom_delta,
+    .tobson = custom_tobson,
+    .dump = custom_dump,
+    .free = tarn::free_records<data_custom>,
+};

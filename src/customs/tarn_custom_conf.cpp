@@ -1,17 +1,20 @@
 // The configuration text of a script counter: report, id, settings in any order, and then the command.
 // Example:
 //   web users uid=33 interval=2 /usr/local/bin/count-users
+#include "customs/tarn_custom_conf.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
+#include "customs/tarn_custom.h"
 #include "record/tarn_config.h"
-#include "scripts/tarn_custom.h"
 #include "support/tarn_text.h"
 
 namespace {
 
 /// Reads words from a text as if they were always separated by one blank: the position moves by the length of
-/// the word plus one. One blank too many at the front does no harm; further ones make words come twice.
+/// the word plus one. One extra blank is harmless; more of them make words come twice.
 class single_blank_words final {
   public:
     explicit single_blank_words(std::string_view text) : rest_(text) {}
@@ -47,39 +50,52 @@ std::string take_field(single_blank_words& words) {
     return field;
 }
 
-/// The number that stands so many characters into a word.
-int number_at(std::string_view word, std::size_t at) {
-    return tarn::to_number<int>(word.substr(std::min(at, word.size())));
+/// A user is given by number. A name would read as 0, which is root's number, so the default user stays.
+void set_user(tarn_mycustom_counter& cnt, std::string_view value) {
+    if (tarn::read_number(value, cnt.uid) > 0) return;
+    std::printf("uid=%.*s is not a number, the script runs as user %d\n", static_cast<int>(value.size()),
+                value.data(), cnt.uid);
 }
 
-/// A user is given by number. A name would read as 0, which is root's number, so the default user stays.
-void set_user(int& uid, std::string_view value) {
-    if (tarn::read_number(value, uid) > 0) return;
-    std::printf("uid=%.*s is not a number, the script runs as user %d\n", static_cast<int>(value.size()),
-                value.data(), uid);
+void set_incremental(tarn_mycustom_counter& cnt, std::string_view /*value*/) {
+    cnt.incremental = 1;
 }
+
+void set_alert(tarn_mycustom_counter& cnt, std::string_view value) {
+    tarn::copy_terminated(cnt.alert_condition, value);
+}
+
+/// A decimal number; 0 for a text without digits.
+template <auto Member>
+void set_number(tarn_mycustom_counter& cnt, std::string_view value) {
+    cnt.*Member = tarn::to_number<int>(value);
+}
+
+struct setting {
+    std::string_view word;  ///< how the setting begins
+    std::size_t value_at;   ///< where its value begins
+    void (*use)(tarn_mycustom_counter& cnt, std::string_view value);
+};
+
+/// The first row that matches takes the word. "periods=15" is a period of 5: the value is read as far into
+/// the word as that of "interval=".
+constexpr setting settings[] = {{"uid=", 4, set_user},
+                                {"incremental", 11, set_incremental},
+                                {"gid=", 4, set_number<&tarn_mycustom_counter::gid>},
+                                {"timeout=", 8, set_number<&tarn_mycustom_counter::max_seconds>},
+                                {"periods=", 9, set_number<&tarn_mycustom_counter::interval>},
+                                {"interval=", 9, set_number<&tarn_mycustom_counter::interval>},
+                                {"type=", 5, set_number<&tarn_mycustom_counter::type>},
+                                {"alert=", 6, set_alert}};
 
 /// Applies one setting; false when the word is none, and so begins the command.
 bool apply_setting(std::string_view word, tarn_mycustom_counter& cnt) {
-    if (word.starts_with("uid=")) {
-        set_user(cnt.uid, word.substr(4));
-    } else if (word.starts_with("incremental")) {
-        cnt.incremental = 1;
-    } else if (word.starts_with("gid=")) {
-        cnt.gid = number_at(word, 4);
-    } else if (word.starts_with("timeout=")) {
-        cnt.max_seconds = number_at(word, 8);
-    } else if (word.starts_with("periods=") || word.starts_with("interval=")) {
-        // Nine characters in both cases: "periods=15" is a period of 5.
-        cnt.interval = number_at(word, 9);
-    } else if (word.starts_with("type=")) {
-        cnt.type = number_at(word, 5);
-    } else if (word.starts_with("alert=")) {
-        tarn::copy_text(cnt.alert_condition, word.substr(6));
-    } else {
-        return false;
+    for (const setting& row : settings) {
+        if (!word.starts_with(row.word)) continue;
+        row.use(cnt, word.substr(std::min(row.value_at, word.size())));
+        return true;
     }
-    return true;
+    return false;
 }
 
 void set_defaults(tarn_mycustom_counter& cnt) {
@@ -110,11 +126,11 @@ int custom_parse_conf(tarn_mycustom_counter& cnt) {
     set_defaults(cnt);
     const std::string_view text = tarn::remove_newline_ch(tarn::text_of(cnt.cfg_string));
     single_blank_words words(text);
-    tarn::copy_text(cnt.report, take_field(words));
-    tarn::copy_text(cnt.id, take_field(words));
+    tarn::copy_terminated(cnt.report, take_field(words));
+    tarn::copy_terminated(cnt.id, take_field(words));
     while (!words.peek().empty() && apply_setting(words.peek(), cnt))
         words.take();
-    if (!words.peek().empty()) tarn::copy_text(cnt.exec, words.rest());
+    if (!words.peek().empty()) tarn::copy_terminated(cnt.exec, words.rest());
     print_settings(cnt, text);
     return 1;
 }

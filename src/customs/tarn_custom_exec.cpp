@@ -1,5 +1,7 @@
 // Runs one script: a relaying process takes on the script's user, starts the shell and copies what it prints
-// into a pipe, so that a script that hangs can be left behind.
+// into a pipe, so that a script that hangs can be abandoned.
+#include "customs/tarn_custom_exec.h"
+
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/close_range.h>
@@ -12,22 +14,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 
-#include "scripts/tarn_custom.h"
+#include "support/tarn_deadline.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
 constexpr std::size_t output_limit = 1024;
-constexpr int most_alerts = 10;
 
 /// How the reading of a script's output ended.
 enum class reading { ended, full, late };
@@ -81,7 +78,7 @@ void clean_inheritance() {
     ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
-/// Gives the terminal up that the agent may have been started from: a script must not be able to type into
+/// Gives up the terminal that the agent may have been started from: a script must not be able to type into
 /// it.
 void leave_terminal() {
     const tarn::unique_fd terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -112,18 +109,16 @@ void leave_terminal() {
     ::_exit(0);
 }
 
-/// Waits for output until the deadline; false when the time is up.
-bool wait_for_output(const tarn::unique_fd& from, clock_type::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock_type::now()).count();
+/// Waits for output until the deadline; false when it has passed.
+bool wait_for_output(const tarn::unique_fd& from, tarn::deadline end) {
     pollfd polled{from.get(), POLLIN, 0};
-    return ::poll(&polled, 1, static_cast<int>(std::clamp<long>(left, 0, std::numeric_limits<int>::max()))) >
-           0;
+    return ::poll(&polled, 1, end.left_ms()) > 0;
 }
 
-/// Reads the output until it ends, or goes on where the buffer is full. One time budget covers all waits.
+/// Reads the output until it ends, or goes on where the buffer is full. One deadline covers all waits.
 reading read_output(const tarn::unique_fd& from, int max_seconds, script_output& output) {
-    const auto deadline = clock_type::now() + std::chrono::seconds(std::max(max_seconds, 1));
-    while (wait_for_output(from, deadline)) {
+    const tarn::deadline end(tarn::timeout_of(max_seconds));
+    while (wait_for_output(from, end)) {
         if (output.length == output.text.size()) return reading::full;
         const ssize_t got =
             ::read(from.get(), output.text.data() + output.length, output.text.size() - output.length);
@@ -133,7 +128,7 @@ reading read_output(const tarn::unique_fd& from, int max_seconds, script_output&
     return reading::late;
 }
 
-/// Judges a run by its output, and says why when it failed.
+/// Judges a run by its output, and reports why it failed.
 bool is_good(reading how, const script_output& output, int max_seconds, int counter_type) {
     if (how == reading::late) {
         std::printf("EROROR! Custom script running too long (%d sec), killed\n", max_seconds);
@@ -144,8 +139,8 @@ bool is_good(reading how, const script_output& output, int max_seconds, int coun
     return false;
 }
 
-/// Ends the relaying process and takes its status; false when it could not start the script and has said so.
-/// One that has closed its pipe is ending by itself. What it started is not signalled and may run on.
+/// Ends the relaying process and takes its status; false when it could not start the script and has reported
+/// that. One that has closed its pipe is ending by itself. What it started is not signalled and may run on.
 bool end_relay(pid_t relay_pid, reading how) {
     if (how != reading::ended) ::kill(relay_pid, SIGKILL);
     int status = 0;
@@ -154,7 +149,7 @@ bool end_relay(pid_t relay_pid, reading how) {
     return !WIFEXITED(status) || WEXITSTATUS(status) == 0;
 }
 
-/// The line as a number, 0 when it is none.
+/// The line as a number; 0 when it is not one.
 double number_of(std::string_view line) {
     std::array<char, output_limit + 1> terminated{};
     std::copy(line.begin(), line.end(), terminated.begin());
@@ -168,10 +163,10 @@ void custom_parse_output(std::string_view output, int counter_type, tarn_mycusto
     data.agent_alerts_count = 0;
     std::string_view rest = output.substr(0, std::min(output.find('\0'), output_limit));
     if (counter_type != custom_type_status) data.value = number_of(tarn::next_token(rest, "\n"));
-    while (data.agent_alerts_count < most_alerts) {
+    while (data.agent_alerts_count < custom_max_alerts) {
         const std::string_view line = tarn::next_token(rest, "\n");
         if (line.empty()) return;
-        tarn::copy_text(data.agent_alerts[data.agent_alerts_count++].text, line);
+        tarn::copy_terminated(data.agent_alerts[data.agent_alerts_count++].text, line);
     }
 }
 

@@ -1,17 +1,17 @@
 // The script process: runs the scripts on their own periods and hands their results to the parent through a
 // block of shared memory, one slot per script counter in the order of the family.
-#include "scripts/tarn_customs_core.h"
+#include "customs/tarn_customs_core.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "customs/tarn_custom.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_records.h"
-#include "record/tarn_turn.h"
 #include "record/tarn_walk.h"
-#include "scripts/tarn_custom.h"
 #include "support/tarn_shared_memory.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "scripts/tarn_customs_process.h"
+#include "customs/tarn_customs_process.h"
 
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "customs/tarn_custom.h"
+#include "customs/tarn_customs_core.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_records.h"
-#include "record/tarn_turn.h"
-#include "scripts/tarn_custom.h"
-#include "scripts/tarn_customs_core.h"
 #include "support/tarn_process.h"
 #include "support/tarn_shared_memory.h"
 
@@ -25,7 +25,7 @@ bool has_died = false;
 /// The custom counters as they were before init. A process that is started anew inherits the parent's.
 void release_inherited() {
     for (std::size_t at = 0; at < stats.ncustom_counters; ++at)
-        tarn::release_records<tarn_mycustom_data_custom>(stats.custom_counters[at]);
+        tarn::free_records<tarn_mycustom_data_custom>(stats.custom_counters[at]);
 }
 
 /// The whole life of the script process, which belongs to `parent`.

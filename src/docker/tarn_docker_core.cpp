@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "docker/tarn_docker_client.h"
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
 #include "support/tarn_json.h"
@@ -41,8 +42,8 @@ std::string_view socket_path(const tarn_docker& docker) {
 void publish(tarn_docker& docker, std::size_t index) {
     const tarn_docker_container_t& known = docker.containers[index];
     tarn_docker_container_t& shared = docker.shared().containers[index];
-    tarn::copy_text(shared.name, known.name);
-    tarn::copy_text(shared.ip, known.ip);
+    tarn::copy_terminated(shared.name, known.name);
+    tarn::copy_terminated(shared.ip, known.ip);
     shared.running = known.running;
     shared.state = known.state;
     const auto count = static_cast<std::uint16_t>(docker.containers.size());
@@ -56,9 +57,8 @@ void publish(tarn_docker& docker, std::size_t index) {
 std::string inspect(const tarn_docker& docker, std::string_view name) {
     const auto request = tarn_docker_request("/containers/", name, "/json");
     if (!request) return {};
-    const tarn::unique_fd sock = tarn_docker_connect(socket_path(docker));
-    if (!sock) return {};
-    return tarn_docker_cmd(sock, *request).value_or("");
+    const tarn::stream connection = tarn_docker_connect(socket_path(docker));
+    return connection ? tarn_docker_cmd(connection, *request).value_or("") : std::string();
 }
 
 /// The state of a container that does not run; the one that it was in when the engine names none.
@@ -112,7 +112,7 @@ int docker_init(tarn_docker*& docker) {
 }
 
 void docker_set_socket(tarn_docker& docker, std::string_view path) {
-    if (!is_left_alone(docker)) tarn::copy_text(docker.shared().sock_path, path);
+    if (!is_left_alone(docker)) tarn::copy_terminated(docker.shared().sock_path, path);
 }
 
 void docker_free(tarn_docker*& docker) {
@@ -134,14 +134,14 @@ int tarn_docker_find_container(const tarn_docker& docker, std::string_view name)
 }
 
 int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
-    if (docker.containers.size() >= tarn_docker_most_containers) {
+    if (docker.containers.size() >= tarn_docker_max_containers) {
         std::printf("[docker] Max containers number reached: %d, cannot allocate one more\n",
-                    tarn_docker_most_containers);
+                    tarn_docker_max_containers);
         return -1;
     }
     const std::size_t index = docker.containers.size();
     tarn_docker_container_t& container = docker.containers.emplace_back();
-    tarn::copy_text(container.name, name);
+    tarn::copy_terminated(container.name, name);
     container.state = TARN_DOCKER_CONT_STATE_EXITED;
     std::atomic_ref(docker.shared().containers[index].cpu_usage) = 0.0;
     trace("[docker] Added container '%s', index=%zu\n", container.name, index);

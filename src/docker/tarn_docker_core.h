@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -27,8 +27,8 @@ struct tarn_docker_container_t {
     double cpu_usage;                     ///< percent of one CPU, written by the statistics process alone
 };
 
-/// Most containers that can be followed.
-inline constexpr int tarn_docker_most_containers = 100;
+/// How many containers can be followed.
+inline constexpr int tarn_docker_max_containers = 100;
 
 /// Where the engine listens unless the configuration says otherwise.
 inline constexpr const char* tarn_docker_default_socket = "/var/run/docker.sock";
@@ -40,7 +40,7 @@ struct tarn_docker_t {
         count;          ///< containers in use; written by the parent (and zeroed as the other process starts)
     std::uint16_t rnd;  ///< reserved
     char sock_path[256];
-    tarn_docker_container_t containers[tarn_docker_most_containers];
+    tarn_docker_container_t containers[tarn_docker_max_containers];
 };
 
 /// The container table of the parent: its own record of what it learned from the engine, and the shared block
@@ -68,20 +68,6 @@ void docker_set_socket(tarn_docker& docker, std::string_view path);
 
 /// Gives the table up, if there is one, and removes its block from the system unless another agent made it.
 void docker_free(tarn_docker*& docker);
-
-/// A connected stream to the engine's socket; none, with a message, when that fails. All waits on it are
-/// bounded by one second.
-tarn::unique_fd tarn_docker_connect(std::string_view sock_path);
-
-/// The request for a path of the engine's API, "GET PATH HTTP/1.0" and two bare line feeds. Nothing for a
-/// path that does not fit, and for a name other than a letter or digit followed by letters, digits, "_", "."
-/// and "-": any other could be a request of a local user's choice.
-std::optional<std::string> tarn_docker_request(std::string_view before, std::string_view name,
-                                               std::string_view after);
-
-/// Sends one request and returns the whole answer. All waits together take at most a second; what has come by
-/// then is the answer. Nothing for a failure, whose message has been printed, and beyond 4 MiB.
-std::optional<std::string> tarn_docker_cmd(const tarn::unique_fd& sock, std::string_view request);
 
 /// The index of a container, or -1.
 int tarn_docker_find_container(const tarn_docker& docker, std::string_view name);

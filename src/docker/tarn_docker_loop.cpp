@@ -16,7 +16,8 @@
 #include <exception>
 #include <vector>
 
-#include "record/tarn_turn.h"
+#include "docker/tarn_docker_client.h"
+#include "record/tarn_clock.h"
 #include "support/tarn_json.h"
 #include "support/tarn_json_framer.h"
 #include "support/tarn_streams.h"
@@ -26,7 +27,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-constexpr int connect_timeout_seconds = 1;
+constexpr auto connect_timeout = std::chrono::seconds(1);
 constexpr auto life_without_parent = std::chrono::seconds(30);
 /// A message is a few kilobytes; a stream whose object grows beyond this did not come from the engine.
 constexpr std::size_t max_pending = std::size_t{1} << 20U;
@@ -87,14 +88,14 @@ class waiter final {
 
 /// One container that is followed.
 struct followed {
-    tarn::unique_fd stream;
+    tarn::stream stream;
     tarn::json_framer framer;
     docker_stats_t stats;
 };
 
 int container_count(tarn_docker_t& table) {
     const int count = std::atomic_ref(table.count).load(std::memory_order_acquire);
-    return std::min(count, tarn_docker_most_containers);
+    return std::min(count, tarn_docker_max_containers);
 }
 
 [[noreturn]] void give_up(const char* call) {
@@ -104,13 +105,13 @@ int container_count(tarn_docker_t& table) {
 
 /// Opens the stream of a container. The path in the table is this process's own, but anybody may have written
 /// there since, and so into the name: one that is not a container's is not followed.
-tarn::unique_fd get_fd_for_container_stats(std::string_view name) {
+tarn::stream get_fd_for_container_stats(std::string_view name) {
     const auto request = tarn_docker_request("/containers/", name, "/stats?stream=true");
     if (!request) return {};
-    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout_seconds);
-    const bool is_sent = connection.socket && tarn::send_once(connection.socket, *request) >= 0;
-    if (is_sent || stop != 0) return std::move(connection.socket);
-    if (connection.socket) give_up("send");
+    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout);
+    const bool is_sent = connection && tarn::send_once(connection, *request) >= 0;
+    if (is_sent || stop != 0) return connection;
+    if (connection) give_up("send");
     errno = connection.error;
     give_up(connection.failed == tarn::stream_step::connect ? "connect" : "socket");
 }
@@ -145,7 +146,7 @@ void serve_or_drop(followed& container, double& cpu_usage) {
     } catch (const std::exception& error) {
         docker_log_ch(error.what());
     }
-    container.stream.reset();
+    container.stream.socket.reset();
     container.framer = {};
 }
 
@@ -163,7 +164,7 @@ void follow(tarn_docker_t& table, std::vector<followed>& containers, waiter& wai
     while (!waiting.is_over()) {
         // A stream that is over has the descriptor -1, which ppoll() ignores.
         for (std::size_t at = 0; at < containers.size(); ++at)
-            polled[at] = {containers[at].stream.get(), POLLIN, 0};
+            polled[at] = {containers[at].stream.socket.get(), POLLIN, 0};
         waiting.wait(polled);
         for (std::size_t at = 0; at < containers.size(); ++at) {
             if (polled[at].revents != 0) serve_or_drop(containers[at], table.containers[at].cpu_usage);
@@ -225,7 +226,7 @@ void dockerThread(tarn::unique_fd parent) {
     }
     auto& table = *static_cast<tarn_docker_t*>(block.get());
     std::atomic_ref(table.count) = 0;
-    tarn::copy_text(table.sock_path, tarn_docker_default_socket);
+    tarn::copy_terminated(table.sock_path, tarn_docker_default_socket);
     std::printf("[docker-child] shmat() succeeded key = %d\n", key);
     waiter waiting(std::move(parent));
     docker_loop(block, waiting);

@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <unordered_set>
 
-#include "record/tarn_rates.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
@@ -20,20 +19,18 @@ constexpr std::uint64_t data_cpu::*jiffies[] = {&data_cpu::user,    &data_cpu::n
                                                 &data_cpu::idle,    &data_cpu::iowait, &data_cpu::irq,
                                                 &data_cpu::softirq, &data_cpu::steal,  &data_cpu::guest};
 
-constexpr tarn::bson_row<data_cpu> rows[] = {
-    {"ok", tarn::as_int64<&data_cpu::ok>},           {"guest", tarn::as_int64<&data_cpu::guest>},
-    {"idle", tarn::as_int64<&data_cpu::idle>},       {"iowait", tarn::as_int64<&data_cpu::iowait>},
-    {"irq", tarn::as_int64<&data_cpu::irq>},         {"nice", tarn::as_int64<&data_cpu::nice>},
-    {"softirq", tarn::as_int64<&data_cpu::softirq>}, {"steal", tarn::as_int64<&data_cpu::steal>},
-    {"system", tarn::as_int64<&data_cpu::system>},   {"user", tarn::as_int64<&data_cpu::user>}};
-
-float load_average() {
-    float lavg = 0;
-    if (const auto text = tarn::read_file("/proc/loadavg")) {
-        std::from_chars(text->data(), text->data() + text->size(), lavg);
-    }
-    return lavg;
-}
+constexpr auto figures = tarn::figures_of<data_cpu>({
+    tarn::reported<&data_cpu::ok>("ok"),
+    tarn::reported<&data_cpu::guest>("guest"),
+    tarn::reported<&data_cpu::idle>("idle"),
+    tarn::reported<&data_cpu::iowait>("iowait"),
+    tarn::reported<&data_cpu::irq>("irq"),
+    tarn::reported<&data_cpu::nice>("nice"),
+    tarn::reported<&data_cpu::softirq>("softirq"),
+    tarn::reported<&data_cpu::steal>("steal"),
+    tarn::reported<&data_cpu::system>("system"),
+    tarn::reported<&data_cpu::user>("user"),
+});
 
 }  // namespace
 
@@ -47,11 +44,11 @@ std::uint32_t cpu_count(std::string_view stat) {
     return static_cast<std::uint32_t>(names.size());
 }
 
-void cpu_parse_stat(std::string_view stat, std::string_view line_name, tarn_mycustom_data_cpu& data) {
+void cpu_parse_stat(std::string_view stat, tarn_mycustom_data_cpu& data) {
     tarn::line_reader lines(stat);
     for (std::string_view line; lines.next(line);) {
         tarn::scanner fields(line);
-        if (fields.word() != line_name) continue;
+        if (fields.word() != "cpu") continue;
         for (const auto field : jiffies) {
             if (!fields.number(data.*field)) break;
         }
@@ -59,11 +56,18 @@ void cpu_parse_stat(std::string_view stat, std::string_view line_name, tarn_mycu
     }
 }
 
-int cpu_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_cpu>(counter);
-    tarn::copy_text(counter.report, "cpu");
+namespace {
 
-    auto& data = tarn::data_of<data_cpu>(counter);
+float load_average() {
+    float lavg = 0;
+    if (const auto text = tarn::read_file("/proc/loadavg")) {
+        std::from_chars(text->data(), text->data() + text->size(), lavg);
+    }
+    return lavg;
+}
+
+int cpu_init(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_records<data_cpu>(counter, "cpu");
     const auto stat = tarn::read_file("/proc/stat");
     if (!stat) return 0;
     data.ncpus = cpu_count(*stat);
@@ -71,15 +75,12 @@ int cpu_init(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int cpu_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_cpu>(counter);
-    data.ok = 0;
+bool cpu_update(data_cpu& data) {
     const auto stat = tarn::read_file("/proc/stat");
-    if (!stat) return 0;
-    cpu_parse_stat(*stat, tarn::text_of(counter.report), data);
+    if (!stat) return false;
+    cpu_parse_stat(*stat, data);
     data.lavg = load_average();
-    data.ok = 1;
-    return 1;
+    return true;
 }
 
 int cpu_delta(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, std::uint64_t iteration) {
@@ -94,12 +95,10 @@ int cpu_delta(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, std::u
 }
 
 int cpu_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    static constexpr data_cpu none{};
     const auto& delta = tarn::data_delta_of<data_cpu>(counter);
     tarn::append_double(document, "lavg", delta.lavg);
     tarn::append_int64(document, "ncpu", delta.ncpus);
-    tarn::sub_document cpu(document, "cpu");
-    tarn::append_rows(cpu.document(), rows, delta.ok != 0 ? delta : none);
+    tarn::append_section<figures>(document, "cpu", delta);
     return 1;
 }
 
@@ -118,7 +117,13 @@ int cpu_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int cpu_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_cpu>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations cpu_operations = {
+    .init = cpu_init,
+    .update = tarn::sampled<cpu_update>,
+    .delta = cpu_delta,
+    .tobson = cpu_tobson,
+    .dump = cpu_dump,
+    .free = tarn::free_records<data_cpu>,
+};

@@ -24,13 +24,8 @@ struct tarn_mycustom_data_cpu {
 /// Counts the per-CPU lines ("cpu0", "cpu1", ...) of /proc/stat; a name that comes twice counts once.
 std::uint32_t cpu_count(std::string_view stat);
 
-/// Reads the jiffies of the line whose first word is `line_name` from /proc/stat. A field that the line does
-/// not hold, or all of them without that line, keep their values.
-void cpu_parse_stat(std::string_view stat, std::string_view line_name, tarn_mycustom_data_cpu& data);
+/// Reads the jiffies of the "cpu" line of /proc/stat. A field that the line does not hold, or all of them
+/// without that line, keep their values.
+void cpu_parse_stat(std::string_view stat, tarn_mycustom_data_cpu& data);
 
-int cpu_init(tarn_mycustom_counter& counter);
-int cpu_update(tarn_mycustom_counter& counter);
-int cpu_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int cpu_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int cpu_dump(tarn_mycustom_counter& counter);
-int cpu_free(tarn_mycustom_counter& counter);
+extern const tarn_operations cpu_operations;

@@ -1,5 +1,5 @@
-// Read from /sys/block: one directory per block device, "device" being a link only where hardware is behind
-// it; from /proc/diskstats: one line per device, "major minor name" and then the totals since boot.
+// Read from /sys/block: one directory per block device, which has a "device" link only for real hardware;
+// from /proc/diskstats: one line per device, "major minor name" and then the totals since boot.
 #include "host/tarn_disk.h"
 
 #include <fcntl.h>
@@ -13,38 +13,37 @@
 #include <new>
 
 #include "host/tarn_cpu.h"
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "host/tarn_devices.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
 
 using data_disk = tarn_mycustom_data_disk;
+using enum tarn::rule;
 
-/// The fields of a line behind the device name, in the kernel's order. Null: merged reads, merged writes and
+/// The fields of a line after the device name, in the kernel's order. Null: merged reads, merged writes and
 /// I/Os in progress, which are not used.
 constexpr std::uint64_t mibdisk::*diskstats_fields[] = {
     &mibdisk::rbytes,   nullptr,          &mibdisk::sRead, &mibdisk::rticks, &mibdisk::wbytes, nullptr,
     &mibdisk::sWritten, &mibdisk::wticks, nullptr,         &mibdisk::tticks};
 
-constexpr std::uint64_t mibdisk::*rated[] = {&mibdisk::rbytes,  &mibdisk::wbytes, &mibdisk::rticks,
-                                             &mibdisk::wticks,  &mibdisk::tticks, &mibdisk::sRead,
-                                             &mibdisk::sWritten};
+constexpr auto figures = tarn::figures_of<mibdisk>({
+    tarn::reported<&mibdisk::ok>("ok"),
+    tarn::reported<&mibdisk::device>("name"),
+    tarn::reported<&mibdisk::rbytes, per_second>("rbytes"),
+    tarn::reported<&mibdisk::wbytes, per_second>("wbytes"),
+    tarn::reported<&mibdisk::rticks, per_second>("rticks"),
+    tarn::reported<&mibdisk::wticks, per_second>("wticks"),
+    tarn::reported<&mibdisk::tticks, per_second>("tticks"),
+    tarn::reported<&mibdisk::sRead, per_second>("sread"),
+    tarn::reported<&mibdisk::sWritten, per_second>("swrite"),
+    tarn::reported<&mibdisk::avio>("avio"),
+    tarn::reported<&mibdisk::busy>("busy"),
+});
 
-void append_name(bson_t& document, const char* key, const mibdisk& disk) {
-    tarn::append_text(document, key, disk.device);
-}
-
-constexpr tarn::bson_row<mibdisk> rows[] = {
-    {"ok", tarn::as_int64<&mibdisk::ok>},           {"name", append_name},
-    {"rbytes", tarn::as_int64<&mibdisk::rbytes>},   {"wbytes", tarn::as_int64<&mibdisk::wbytes>},
-    {"rticks", tarn::as_int64<&mibdisk::rticks>},   {"wticks", tarn::as_int64<&mibdisk::wticks>},
-    {"tticks", tarn::as_int64<&mibdisk::tticks>},   {"sread", tarn::as_int64<&mibdisk::sRead>},
-    {"swrite", tarn::as_int64<&mibdisk::sWritten>}, {"avio", tarn::as_double<&mibdisk::avio>},
-    {"busy", tarn::as_double<&mibdisk::busy>}};
-
-/// The path of something in a device's directory under /sys/block, relative to that directory.
+/// The path of a file in a device's directory, relative to /sys/block.
 std::array<char, 300> entry_path(const char* device, const char* leaf) {
     std::array<char, 300> path{};
     std::snprintf(path.data(), path.size(), "%s/%s", device, leaf);
@@ -56,9 +55,8 @@ bool has_hardware(int sys_block, const char* device) {
     return ::readlinkat(sys_block, entry_path(device, "device").data(), &target, 1) >= 0;
 }
 
-/// Lists the devices that are worth watching: those with hardware behind them, and of the removable ones only
-/// sd* (USB disks, not optical drives). A device whose "removable" cannot be opened takes the flag of the one
-/// before it.
+/// Lists the devices to watch: real hardware, and of the removable ones only sd* (USB disks, not optical
+/// drives). A device whose "removable" cannot be opened takes the flag of the device before it.
 void list_devices(tarn::directory_reader& sys_block, std::vector<mibdisk>& list) {
     bool removable = false;
     while (const char* const device = sys_block.next()) {
@@ -66,19 +64,8 @@ void list_devices(tarn::directory_reader& sys_block, std::vector<mibdisk>& list)
         const auto flag = tarn::read_file(entry_path(device, "removable").data(), sys_block.fd());
         if (flag) removable = flag->starts_with('1');
         if (removable && !std::string_view(device).starts_with("sd")) continue;
-        tarn::copy_text(list.emplace_back().device, device);
+        tarn::copy_terminated(list.emplace_back().device, device);
     }
-}
-
-bool sample(data_disk& data) {
-    tarn::directory_reader sys_block("/sys/block");
-    if (!sys_block) return false;
-    data.mibdisk_list.clear();
-    list_devices(sys_block, data.mibdisk_list);
-    const auto diskstats = tarn::read_file("/proc/diskstats");
-    if (!diskstats) return false;
-    disk_parse_diskstats(*diskstats, data);
-    return true;
 }
 
 /// Percent of the interval that `tticks` milliseconds per second make up, by the CPUs' own clock. The time
@@ -93,8 +80,8 @@ float busy_percent(std::uint64_t tticks, const disk_time_base& base) {
 
 disk_time_base time_base(std::uint32_t interval) {
     const tarn_mycustom_counter& cpu = stats.core_counters[core_cpu];
-    const auto& figures = tarn::data_delta_of<tarn_mycustom_data_cpu>(cpu);
-    return {figures.cputot, figures.ncpus, ::sysconf(_SC_CLK_TCK), interval};
+    const auto& delta = tarn::data_delta_of<tarn_mycustom_data_cpu>(cpu);
+    return {delta.cputot, delta.ncpus, ::sysconf(_SC_CLK_TCK), interval};
 }
 
 }  // namespace
@@ -122,9 +109,8 @@ void disk_parse_diskstats(std::string_view diskstats, tarn_mycustom_data_disk& d
 
 mibdisk disk_rates(const mibdisk& now, const mibdisk& before, const disk_time_base& base) {
     mibdisk rates{};
-    tarn::copy_text(rates.device, now.device);
-    for (const auto field : rated)
-        rates.*field = (now.*field - before.*field) / base.interval;
+    tarn::copy_terminated(rates.device, now.device);
+    tarn::apply_rules(figures, now, before, rates, base.interval);
     const std::uint64_t operations = rates.rbytes + rates.wbytes;
     if (operations != 0) {
         rates.avio = static_cast<float>(static_cast<double>(rates.tticks) / static_cast<double>(operations));
@@ -134,57 +120,43 @@ mibdisk disk_rates(const mibdisk& now, const mibdisk& before, const disk_time_ba
     return rates;
 }
 
+namespace {
+
 int disk_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_disk>(counter);
-    tarn::copy_text(counter.report, "disk");
+    tarn::allocate_records<data_disk>(counter, "disk");
     return 1;
 }
 
-int disk_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_disk>(counter);
-    data.ok = 0;
+bool read_disks(data_disk& data) {
+    tarn::directory_reader sys_block("/sys/block");
+    if (!sys_block) return false;
+    data.mibdisk_list.clear();
+    list_devices(sys_block, data.mibdisk_list);
+    const auto diskstats = tarn::read_file("/proc/diskstats");
+    if (!diskstats) return false;
+    disk_parse_diskstats(*diskstats, data);
+    return true;
+}
+
+bool disk_update(data_disk& data) {
     try {
-        data.ok = sample(data) ? 1 : 0;
+        return read_disks(data);
     } catch (const std::bad_alloc&) {
         std::printf("failed to malloc: %s: %s", "disk_update", std::strerror(ENOMEM));
+        return false;
     }
-    return data.ok;
 }
 
 int disk_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
-    const auto& data = tarn::data_of<data_disk>(counter);
-    auto& prev = tarn::data_prev_of<data_disk>(counter);
-    auto& delta = tarn::data_delta_of<data_disk>(counter);
-    try {
-        delta.mibdisk_list.clear();
-        delta.ok = iteration != 0 && data.ok != 0 && prev.ok != 0 ? 1 : 0;
-        if (delta.ok != 0) {
-            const disk_time_base base = time_base(interval);
-            for (const mibdisk& now : data.mibdisk_list) {
-                const auto before = prev.positions.find(now.device);
-                if (!before) continue;
-                delta.mibdisk_list.push_back(disk_rates(now, prev.mibdisk_list[*before], base));
-            }
-        }
-        prev.mibdisk_list = data.mibdisk_list;
-        prev.positions.rebuild(prev.mibdisk_list);
-        prev.ok = data.ok;
-    } catch (const std::bad_alloc&) {
-        prev.ok = 0;
-        return 0;
-    }
-    return 1;
+    const disk_time_base base = time_base(interval);
+    return tarn::delta_by_name<&data_disk::mibdisk_list>(
+        counter, iteration,
+        [&base](const mibdisk& now, const mibdisk& before) { return disk_rates(now, before, base); });
 }
 
 int disk_tobson(tarn_mycustom_counter& counter, bson_t& document) {
     const auto& delta = tarn::data_delta_of<data_disk>(counter);
-    tarn::sub_document disks(document, "disks");
-    if (delta.ok == 0) return 1;
-    for (const mibdisk& disk : delta.mibdisk_list) {
-        if (disk.ok == 0) continue;
-        tarn::sub_document element(disks.document(), disk.device);
-        tarn::append_rows(element.document(), rows, disk);
-    }
+    tarn::append_by_name<figures, &mibdisk::device>(document, "disks", delta.ok != 0, delta.mibdisk_list);
     return 1;
 }
 
@@ -204,7 +176,13 @@ int disk_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int disk_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_disk>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations disk_operations = {
+    .init = disk_init,
+    .update = tarn::sampled<disk_update>,
+    .delta = disk_delta,
+    .tobson = disk_tobson,
+    .dump = disk_dump,
+    .free = tarn::free_records<data_disk>,
+};

@@ -42,9 +42,4 @@ void disk_parse_diskstats(std::string_view diskstats, tarn_mycustom_data_disk& d
 /// The rates of one device between two samples.
 mibdisk disk_rates(const mibdisk& now, const mibdisk& before, const disk_time_base& base);
 
-int disk_init(tarn_mycustom_counter& counter);
-int disk_update(tarn_mycustom_counter& counter);
-int disk_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int disk_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int disk_dump(tarn_mycustom_counter& counter);
-int disk_free(tarn_mycustom_counter& counter);
+extern const tarn_operations disk_operations;

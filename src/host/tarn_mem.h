@@ -25,9 +25,4 @@ void mem_parse_meminfo(std::string_view meminfo, tarn_mycustom_data_mem& data);
 /// Reads the two swapping totals from /proc/vmstat.
 void mem_parse_vmstat(std::string_view vmstat, tarn_mycustom_data_mem& data);
 
-int mem_init(tarn_mycustom_counter& counter);
-int mem_update(tarn_mycustom_counter& counter);
-int mem_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int mem_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int mem_dump(tarn_mycustom_counter& counter);
-int mem_free(tarn_mycustom_counter& counter);
+extern const tarn_operations mem_operations;

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <new>
 
+#include "host/tarn_devices.h"
 #include "record/tarn_config.h"
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
@@ -22,84 +22,78 @@ namespace {
 using data_mount = tarn_mycustom_data_mount;
 using unique_mount_table = std::unique_ptr<std::FILE, tarn::closer<endmntent>>;
 
-void append_name(bson_t& document, const char* key, const mibmount& mount) {
-    tarn::append_text(document, key, mount.name);
-}
-
-constexpr tarn::bson_row<mibmount> rows[] = {{"ok", tarn::as_int64<&mibmount::ok>},
-                                             {"name", append_name},
-                                             {"free", tarn::as_int64<&mibmount::free>},
-                                             {"total", tarn::as_int64<&mibmount::total>},
-                                             {"space_perc", tarn::as_double<&mibmount::space_usage>},
-                                             {"inodes_perc", tarn::as_double<&mibmount::inodes_usage>}};
-
-bool is_watched(std::string_view device, std::string_view mount_point) {
-    const bool kept = device.starts_with("/dev") || (config.exclude_tmpfs == 0 && device == "tmpfs");
-    return kept && excluded_mount(mount_point) == 0;
-}
+constexpr auto figures = tarn::figures_of<mibmount>({
+    tarn::reported<&mibmount::ok>("ok"),
+    tarn::reported<&mibmount::name>("name"),
+    tarn::reported<&mibmount::free>("free"),
+    tarn::reported<&mibmount::total>("total"),
+    tarn::reported<&mibmount::space_usage>("space_perc"),
+    tarn::reported<&mibmount::inodes_usage>("inodes_perc"),
+});
 
 double share(std::uint64_t part, std::uint64_t whole) {
     return whole == 0 ? 0.0 : static_cast<double>(part) / static_cast<double>(whole);
 }
 
-/// Measures a filesystem with one call. An unreachable mount point is all zeros, not an error.
-void measure(mibmount& mount) {
-    struct statvfs figures {};
-    if (::statvfs(mount.name, &figures) != 0) figures = {};
-    mount.free = free_space(figures);
-    mount.total = total_space(figures);
-    mount.inodes_usage = inodes_percentage_used(figures);
-    mount.space_usage = space_percentage_used(figures);
-    mount.ok = 1;
-}
-
 }  // namespace
 
-int excluded_mount(std::string_view path) {
-    return tarn::in_excludelist(path, config.path_exclude_masks, config.path_exclude_masks_count) ? 1 : 0;
+std::uint64_t free_space(const struct statvfs& statistics) {
+    return (statistics.f_bavail * statistics.f_bsize) >> 20U;
 }
 
-std::uint64_t free_space(const struct statvfs& figures) {
-    return (figures.f_bavail * figures.f_bsize) >> 20U;
+std::uint64_t total_space(const struct statvfs& statistics) {
+    return (statistics.f_blocks * statistics.f_bsize) >> 20U;
 }
 
-std::uint64_t total_space(const struct statvfs& figures) {
-    return (figures.f_blocks * figures.f_bsize) >> 20U;
+double inodes_percentage_used(const struct statvfs& statistics) {
+    return share(statistics.f_ffree, statistics.f_files);
 }
 
-double inodes_percentage_used(const struct statvfs& figures) {
-    return share(figures.f_ffree, figures.f_files);
+double space_percentage_used(const struct statvfs& statistics) {
+    return share(statistics.f_bavail, statistics.f_blocks);
 }
 
-double space_percentage_used(const struct statvfs& figures) {
-    return share(figures.f_bavail, figures.f_blocks);
-}
-
-void mount_parse_table(std::FILE& table, std::vector<mibmount>& list) {
+void mount_parse_table(std::FILE& table, const mount_filter& filter, std::vector<mibmount>& list) {
     mntent entry{};
     std::array<char, 4096> text{};
     while (::getmntent_r(&table, &entry, text.data(), static_cast<int>(text.size())) != nullptr) {
-        if (!is_watched(entry.mnt_fsname, entry.mnt_dir)) continue;
+        const std::string_view device = entry.mnt_fsname;
+        const bool is_kept = device.starts_with("/dev") || (filter.with_tmpfs && device == "tmpfs");
+        if (!is_kept || filter.is_excluded(entry.mnt_dir)) continue;
         mibmount& mount = list.emplace_back();
         mount.ok = 1;
-        tarn::copy_text(mount.name, entry.mnt_dir);
+        tarn::copy_terminated(mount.name, entry.mnt_dir);
     }
 }
 
-int mount_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_data<data_mount>(counter);
-    tarn::copy_text(counter.report, "Mount");
+namespace {
 
-    auto& data = tarn::data_of<data_mount>(counter);
+bool excluded_mount(std::string_view path) {
+    return tarn::in_excludelist(path, config.path_exclude_masks, config.path_exclude_masks_count);
+}
+
+int mount_init(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_data<data_mount>(counter, "Mount");
     const unique_mount_table table(::setmntent("/etc/mtab", "re"));
     if (!table) return 0;
     try {
-        mount_parse_table(*table, data.mibmount_list);
+        mount_parse_table(*table, {config.exclude_tmpfs == 0, excluded_mount}, data.mibmount_list);
         data.ok = 1;
     } catch (const std::bad_alloc&) {
         std::printf("failed to malloc: %s: %s", "mount_init", std::strerror(ENOMEM));
     }
     return data.ok;
+}
+
+/// Measures a filesystem with one call. An unreachable mount point yields zeros, not an error.
+void measure(mibmount& mount) {
+    struct statvfs statistics {};
+    if (::statvfs(mount.name, &statistics) != 0) statistics = {};
+    mount.free = free_space(statistics);
+    mount.total = total_space(statistics);
+    mount.inodes_usage = inodes_percentage_used(statistics);
+    mount.space_usage = space_percentage_used(statistics);
+    mount.ok = 1;
 }
 
 int mount_update(tarn_mycustom_counter& counter) {
@@ -110,13 +104,7 @@ int mount_update(tarn_mycustom_counter& counter) {
 
 int mount_tobson(tarn_mycustom_counter& counter, bson_t& document) {
     const auto& data = tarn::data_of<data_mount>(counter);
-    tarn::sub_document mounts(document, "mounts");
-    if (data.ok == 0) return 1;
-    for (const mibmount& mount : data.mibmount_list) {
-        if (mount.ok == 0) continue;
-        tarn::sub_document element(mounts.document(), mount.name);
-        tarn::append_rows(element.document(), rows, mount);
-    }
+    tarn::append_by_name<figures, &mibmount::name>(document, "mounts", data.ok != 0, data.mibmount_list);
     return 1;
 }
 
@@ -134,7 +122,12 @@ int mount_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int mount_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_mount>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations mount_operations = {
+    .init = mount_init,
+    .update = mount_update,
+    .tobson = mount_tobson,
+    .dump = mount_dump,
+    .free = tarn::free_records<data_mount>,
+};

@@ -24,21 +24,20 @@ struct tarn_mycustom_data_mount {
     std::vector<mibmount> mibmount_list;  ///< in the order of the mount table
 };
 
-/// True when the configuration leaves this mount point out.
-int excluded_mount(std::string_view path);
-
 /// MiB, rounded down, in blocks of the statistics' block size (not the fragment size).
-std::uint64_t free_space(const struct statvfs& figures);
-std::uint64_t total_space(const struct statvfs& figures);
+std::uint64_t free_space(const struct statvfs& statistics);
+std::uint64_t total_space(const struct statvfs& statistics);
 /// Shares from 0 to 1; 0 when the total is 0.
-double inodes_percentage_used(const struct statvfs& figures);
-double space_percentage_used(const struct statvfs& figures);
+double inodes_percentage_used(const struct statvfs& statistics);
+double space_percentage_used(const struct statvfs& statistics);
 
-/// Appends to the list what is to be watched of a mount table, in its order.
-void mount_parse_table(std::FILE& table, std::vector<mibmount>& list);
+/// Which filesystems are watched beside those on block devices, and which are not.
+struct mount_filter {
+    bool with_tmpfs;
+    bool (*is_excluded)(std::string_view mount_point);
+};
 
-int mount_init(tarn_mycustom_counter& counter);
-int mount_update(tarn_mycustom_counter& counter);
-int mount_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int mount_dump(tarn_mycustom_counter& counter);
-int mount_free(tarn_mycustom_counter& counter);
+/// Appends the watched filesystems of a mount table to the list, in the order of the table.
+void mount_parse_table(std::FILE& table, const mount_filter& filter, std::vector<mibmount>& list);
+
+extern const tarn_operations mount_operations;

@@ -9,30 +9,29 @@
 #include <cstring>
 #include <new>
 
+#include "host/tarn_devices.h"
 #include "record/tarn_config.h"
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
 
 using data_net = tarn_mycustom_data_net;
-
-void append_name(bson_t& document, const char* key, const mibnet& interface) {
-    tarn::append_text(document, key, interface.device);
-}
+using enum tarn::rule;
 
 /// Bytes per second are reported as bits per second.
 template <auto Member>
-void as_bits(bson_t& document, const char* key, const mibnet& interface) {
+void append_bits(bson_t& document, std::string_view key, const mibnet& interface) {
     tarn::append_int64(document, key, static_cast<std::int64_t>(interface.*Member * 8));
 }
 
-constexpr tarn::bson_row<mibnet> rows[] = {{"ok", tarn::as_int64<&mibnet::ok>},
-                                           {"name", append_name},
-                                           {"rbytes", as_bits<&mibnet::rbytes>},
-                                           {"sbytes", as_bits<&mibnet::sbytes>}};
+constexpr auto figures = tarn::figures_of<mibnet>({
+    tarn::reported<&mibnet::ok>("ok"),
+    tarn::reported<&mibnet::device>("name"),
+    tarn::appended_by(append_bits<&mibnet::rbytes>, tarn::reported<&mibnet::rbytes, per_second>("rbytes")),
+    tarn::appended_by(append_bits<&mibnet::sbytes>, tarn::reported<&mibnet::sbytes, per_second>("sbytes")),
+});
 
 /// Takes the interface name off a line, with its colon. Old kernels put no blank between the colon and the
 /// first number.
@@ -40,7 +39,7 @@ std::string_view take_name(std::string_view& line) {
     return tarn::next_token(line, " \t\n\v\f\r:");
 }
 
-/// The first number received, the ninth sent. What a cut line does not hold is 0.
+/// Reads the first number as received, the ninth as sent. A number that a cut line does not hold is 0.
 void parse_totals(std::string_view text, mibnet& interface) {
     std::array<std::uint64_t, 9> totals{};
     tarn::scanner fields(text);
@@ -51,24 +50,18 @@ void parse_totals(std::string_view text, mibnet& interface) {
     interface.sbytes = totals.back();
 }
 
-mibnet rates(const mibnet& now, const mibnet& before) {
-    mibnet result{};
-    tarn::copy_text(result.device, now.device);
-    result.rbytes = (now.rbytes - before.rbytes) / config.interval;
-    result.sbytes = (now.sbytes - before.sbytes) / config.interval;
-    result.ok = now.ok != 0 && before.ok != 0 ? 1 : 0;
-    return result;
+mibnet rates_of(const mibnet& now, const mibnet& before) {
+    mibnet rates{};
+    tarn::copy_terminated(rates.device, now.device);
+    tarn::apply_rules(figures, now, before, rates, config.interval);
+    rates.ok = now.ok != 0 && before.ok != 0 ? 1 : 0;
+    return rates;
 }
 
 }  // namespace
 
-int excluded_interface(std::string_view name) {
-    return tarn::in_excludelist(name, config.interface_exclude_masks, config.interface_exclude_masks_count)
-               ? 1
-               : 0;
-}
-
-void net_parse_dev(std::string_view dev, tarn_mycustom_data_net& data) {
+void net_parse_dev(std::string_view dev, bool (*is_excluded)(std::string_view name),
+                   tarn_mycustom_data_net& data) {
     data.mibnet_list.clear();
     data.positions.clear();
     tarn::line_reader lines(dev);
@@ -76,27 +69,33 @@ void net_parse_dev(std::string_view dev, tarn_mycustom_data_net& data) {
     if (!lines.next(line) || !lines.next(line)) return;
     while (lines.next(line)) {
         const std::string_view name = take_name(line);
-        if (name.empty() || excluded_interface(name) != 0) continue;
+        if (name.empty() || is_excluded(name)) continue;
         if (!data.positions.add(name, data.mibnet_list.size())) continue;
         mibnet& interface = data.mibnet_list.emplace_back();
         interface.ok = data.ok;
-        tarn::copy_text(interface.device, name);
+        tarn::copy_terminated(interface.device, name);
         parse_totals(line, interface);
     }
     data.positions.clear();
 }
 
+namespace {
+
+bool excluded_interface(std::string_view name) {
+    return tarn::in_excludelist(name, config.interface_exclude_masks, config.interface_exclude_masks_count);
+}
+
 int net_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_net>(counter);
-    tarn::copy_text(counter.report, "net");
+    tarn::allocate_records<data_net>(counter, "net");
     return 1;
 }
 
+/// `ok` keeps the success of the update before until the list is read: the entries take it over.
 int net_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_net>(counter);
     try {
         const auto dev = tarn::read_file("/proc/net/dev");
-        if (dev) net_parse_dev(*dev, data);
+        if (dev) net_parse_dev(*dev, excluded_interface, data);
         data.ok = dev ? 1 : 0;
     } catch (const std::bad_alloc&) {
         std::printf("failed to malloc: %s: %s", "net_update", std::strerror(ENOMEM));
@@ -106,37 +105,12 @@ int net_update(tarn_mycustom_counter& counter) {
 }
 
 int net_delta(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, std::uint64_t iteration) {
-    const auto& data = tarn::data_of<data_net>(counter);
-    auto& prev = tarn::data_prev_of<data_net>(counter);
-    auto& delta = tarn::data_delta_of<data_net>(counter);
-    try {
-        delta.mibnet_list.clear();
-        delta.ok = iteration != 0 && data.ok != 0 && prev.ok != 0 ? 1 : 0;
-        if (delta.ok != 0) {
-            for (const mibnet& now : data.mibnet_list) {
-                const auto before = prev.positions.find(now.device);
-                if (before) delta.mibnet_list.push_back(rates(now, prev.mibnet_list[*before]));
-            }
-        }
-        prev.mibnet_list = data.mibnet_list;
-        prev.positions.rebuild(prev.mibnet_list);
-        prev.ok = data.ok;
-    } catch (const std::bad_alloc&) {
-        prev.ok = 0;
-        return 0;
-    }
-    return 1;
+    return tarn::delta_by_name<&data_net::mibnet_list>(counter, iteration, rates_of);
 }
 
 int net_tobson(tarn_mycustom_counter& counter, bson_t& document) {
     const auto& delta = tarn::data_delta_of<data_net>(counter);
-    tarn::sub_document net(document, "net");
-    if (delta.ok == 0) return 1;
-    for (const mibnet& interface : delta.mibnet_list) {
-        if (interface.ok == 0) continue;
-        tarn::sub_document element(net.document(), interface.device);
-        tarn::append_rows(element.document(), rows, interface);
-    }
+    tarn::append_by_name<figures, &mibnet::device>(document, "net", delta.ok != 0, delta.mibnet_list);
     return 1;
 }
 
@@ -153,7 +127,13 @@ int net_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int net_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_net>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations net_operations = {
+    .init = net_init,
+    .update = net_update,
+    .delta = net_delta,
+    .tobson = net_tobson,
+    .dump = net_dump,
+    .free = tarn::free_records<data_net>,
+};

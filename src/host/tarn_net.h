@@ -21,16 +21,9 @@ struct tarn_mycustom_data_net {
     tarn::name_index positions;       ///< data_prev: interface name to its place in the list
 };
 
-/// True when the configuration leaves this interface out.
-int excluded_interface(std::string_view name);
+/// Fills the list from /proc/net/dev, without excluded interfaces. Every entry's `ok` is the record's own,
+/// that is the success of the update before, so an interface is first reported at the third good sample.
+void net_parse_dev(std::string_view dev, bool (*is_excluded)(std::string_view name),
+                   tarn_mycustom_data_net& data);
 
-/// Fills the list from /proc/net/dev. Every entry's `ok` is the record's own, that is the success of the
-/// update before, so that an interface is first reported at the third good sample.
-void net_parse_dev(std::string_view dev, tarn_mycustom_data_net& data);
-
-int net_init(tarn_mycustom_counter& counter);
-int net_update(tarn_mycustom_counter& counter);
-int net_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int net_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int net_dump(tarn_mycustom_counter& counter);
-int net_free(tarn_mycustom_counter& counter);
+extern const tarn_operations net_operations;

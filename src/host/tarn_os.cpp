@@ -1,5 +1,5 @@
-// Read from /etc/os-release (lines KEY=value, values quoted or not) and, where that does not tell, from the
-// first line of older release files; from /proc/self/statm: pages, the second number resident; from
+// Read from /etc/os-release (lines KEY=value, values quoted or not) and, if that names no known distribution,
+// from the first line of older release files; from /proc/self/statm: pages, the second number resident; from
 // /proc/sys/fs/file-nr: allocated handles first.
 #include "host/tarn_os.h"
 
@@ -10,8 +10,7 @@
 #include <cstdio>
 #include <span>
 
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
@@ -125,9 +124,9 @@ void os_parse_release_line(std::string_view text, bool debian_too, os_release& r
     if (family == os_family::unknown || (family == os_family::debian && !debian_too)) return;
 
     release.family = family;
-    tarn::copy_text(release.name, name);
+    tarn::copy_terminated(release.name, name);
     for (auto word = tarn::next_token(line, " "); !word.empty(); word = tarn::next_token(line, " ")) {
-        if (isVer(word)) tarn::copy_text(release.version, word);
+        if (isVer(word)) tarn::copy_terminated(release.version, word);
     }
 }
 
@@ -138,25 +137,24 @@ std::string_view os_report_name(std::string_view name) {
     return name;
 }
 
+namespace {
+
 int os_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_data<data_os>(counter);
-    tarn::copy_text(counter.report, "Os");
+    tarn::allocate_data<data_os>(counter, "Os");
     return 1;
 }
 
-int os_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_os>(counter);
+bool os_update(data_os& data) {
     const os_release release = find_release();
     utsname host{};
     ::uname(&host);
 
-    tarn::copy_text(data.os_bit, tarn::text_of(host.machine).substr(0, text_limit));
-    tarn::copy_text(data.os_name, os_report_name(release.name).substr(0, text_limit));
-    tarn::copy_text(data.os_version, tarn::text_of(release.version).substr(0, text_limit));
+    tarn::copy_terminated(data.os_bit, tarn::text_of(host.machine).substr(0, text_limit));
+    tarn::copy_terminated(data.os_name, os_report_name(release.name).substr(0, text_limit));
+    tarn::copy_terminated(data.os_version, tarn::text_of(release.version).substr(0, text_limit));
     data.tarn_memory_used = resident_memory();
     data.open_files = allocated_handles();
-    data.ok = 1;
-    return 1;
+    return true;
 }
 
 int os_tobson(tarn_mycustom_counter& counter, bson_t& document) {
@@ -185,7 +183,12 @@ int os_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int os_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_os>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations os_operations = {
+    .init = os_init,
+    .update = tarn::sampled<os_update>,
+    .tobson = os_tobson,
+    .dump = os_dump,
+    .free = tarn::free_records<data_os>,
+};

@@ -38,8 +38,4 @@ void os_parse_release_line(std::string_view text, bool debian_too, os_release& r
 /// The name under which a distribution is reported.
 std::string_view os_report_name(std::string_view name);
 
-int os_init(tarn_mycustom_counter& counter);
-int os_update(tarn_mycustom_counter& counter);
-int os_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int os_dump(tarn_mycustom_counter& counter);
-int os_free(tarn_mycustom_counter& counter);
+extern const tarn_operations os_operations;

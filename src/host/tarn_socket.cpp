@@ -3,25 +3,28 @@
 
 #include <cstdio>
 
-#include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
 namespace {
 
 using data_socket = tarn_mycustom_data_socket;
+using tarn::bson::int32;
+using enum tarn::rule;
 
 /// The numbers of a "TCP:" line in the kernel's order.
 constexpr std::uint32_t data_socket::*tcp_fields[] = {&data_socket::tcp_inuse, &data_socket::tcp_orphan,
                                                       &data_socket::tcp_tw};
 constexpr std::uint32_t data_socket::*udp_fields[] = {&data_socket::udp_inuse};
 
-constexpr tarn::bson_row<data_socket> rows[] = {{"ok", tarn::as_int64<&data_socket::ok>},
-                                                {"tcp_inuse", tarn::as_int32<&data_socket::tcp_inuse>},
-                                                {"tcp_tw", tarn::as_int32<&data_socket::tcp_tw>},
-                                                {"tcp_orphan", tarn::as_int32<&data_socket::tcp_orphan>},
-                                                {"udp_inuse", tarn::as_int32<&data_socket::udp_inuse>}};
+constexpr auto figures = tarn::figures_of<data_socket>({
+    tarn::reported<&data_socket::ok>("ok"),
+    tarn::reported<&data_socket::tcp_inuse, as_read, int32>("tcp_inuse"),
+    tarn::reported<&data_socket::tcp_tw, as_read, int32>("tcp_tw"),
+    tarn::reported<&data_socket::tcp_orphan, as_read, int32>("tcp_orphan"),
+    tarn::reported<&data_socket::udp_inuse, as_read, int32>("udp_inuse"),
+});
 
 /// Reads a line "LABEL: name number name number ...", a number for each member.
 template <std::size_t Members>
@@ -44,27 +47,21 @@ void socket_parse_sockstat(std::string_view sockstat, tarn_mycustom_data_socket&
     }
 }
 
+namespace {
+
 int socket_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_data<data_socket>(counter);
-    tarn::copy_text(counter.report, "socket");
+    tarn::allocate_data<data_socket>(counter, "socket");
     return 1;
 }
 
-int socket_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_socket>(counter);
-    data.ok = 0;
+bool socket_update(data_socket& data) {
     const auto sockstat = tarn::read_file("/proc/net/sockstat");
-    if (!sockstat) return 0;
-    socket_parse_sockstat(*sockstat, data);
-    data.ok = 1;
-    return 1;
+    if (sockstat) socket_parse_sockstat(*sockstat, data);
+    return sockstat.has_value();
 }
 
 int socket_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    static constexpr data_socket none{};
-    const auto& data = tarn::data_of<data_socket>(counter);
-    tarn::sub_document socket(document, "socket");
-    tarn::append_rows(socket.document(), rows, data.ok != 0 ? data : none);
+    tarn::append_section<figures>(document, "socket", tarn::data_of<data_socket>(counter));
     return 1;
 }
 
@@ -78,7 +75,12 @@ int socket_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int socket_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_socket>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations socket_operations = {
+    .init = socket_init,
+    .update = tarn::sampled<socket_update>,
+    .tobson = socket_tobson,
+    .dump = socket_dump,
+    .free = tarn::free_records<data_socket>,
+};

@@ -16,8 +16,4 @@ struct tarn_mycustom_data_socket {
 /// Reads /proc/net/sockstat. A count that the text does not hold keeps its value.
 void socket_parse_sockstat(std::string_view sockstat, tarn_mycustom_data_socket& data);
 
-int socket_init(tarn_mycustom_counter& counter);
-int socket_update(tarn_mycustom_counter& counter);
-int socket_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int socket_dump(tarn_mycustom_counter& counter);
-int socket_free(tarn_mycustom_counter& counter);
+extern const tarn_operations socket_operations;

@@ -1,4 +1,4 @@
-#include "record/tarn_turn.h"
+#include "record/tarn_clock.h"
 
 #include <cinttypes>
 #include <cstdio>

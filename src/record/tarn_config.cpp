@@ -19,10 +19,10 @@ constexpr std::array<std::string_view, 10> default_path_masks{
 
 int init_config() {
     config = {};
-    tarn::copy_text(config.configFile, "/etc/tarn.conf");
-    tarn::copy_text(config.extConfigPattern, "/etc/tarn.d/*.conf");
+    tarn::copy_terminated(config.configFile, "/etc/tarn.conf");
+    tarn::copy_terminated(config.extConfigPattern, "/etc/tarn.d/*.conf");
     for (const std::string_view mask : default_path_masks) {
-        tarn::copy_text(config.path_exclude_masks[config.path_exclude_masks_count++], mask);
+        tarn::copy_terminated(config.path_exclude_masks[config.path_exclude_masks_count++], mask);
     }
 
     config.interval = 15;
@@ -39,9 +39,9 @@ int init_config() {
     config.mysql_write_to = 3;
     config.mysql_read_to = 3;
     config.mysql_connect_to = 10;
-    tarn::copy_text(config.slow_query_sec, "100");
+    tarn::copy_terminated(config.slow_query_sec, "100");
     config.apacheSlashed = 1;
-    tarn::copy_text(config.mysql_lib, "libmysqlclient.so");
-    tarn::copy_text(config.postgre_lib, "libpq.so");
+    tarn::copy_terminated(config.mysql_lib, "libmysqlclient.so");
+    tarn::copy_terminated(config.postgre_lib, "libpq.so");
     return 0;
 }

@@ -40,7 +40,7 @@ tarn_family redis_family() {
 }
 
 int mycustom_set(tarn_mycustom_counter& cnt, std::string_view cfg_string, const tarn_operations& operations) {
-    tarn::fill_text(cnt.cfg_string, cfg_string);
+    tarn::copy_padded(cnt.cfg_string, cfg_string);
     cnt.init = operations.init;
     cnt.reinit = operations.reinit;
     cnt.update = operations.update;

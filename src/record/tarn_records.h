@@ -1,6 +1,9 @@
 #pragma once
 
+#include <string_view>
+
 #include "record/tarn_counter.h"
+#include "support/tarn_text.h"
 
 /// Typed access to the three data blocks of a counter. `Record` is the kind's tarn_mycustom_data_<kind>.
 namespace tarn {
@@ -20,28 +23,32 @@ Record& data_delta_of(const tarn_mycustom_counter& counter) {
     return *static_cast<Record*>(counter.data_delta);
 }
 
-/// Allocates the one block, zero-filled, of a kind whose values are all instantaneous. Without memory at the
-/// start there is no agent: a failed allocation ends the process.
+/// Allocates the one block, zero-filled, of a kind whose values are all instantaneous, and names the counter.
+/// The agent does not start without memory: a failed allocation ends the process.
 template <typename Record>
-void allocate_data(tarn_mycustom_counter& counter) noexcept {
-    counter.data = new Record{};
+Record& allocate_data(tarn_mycustom_counter& counter, std::string_view report) noexcept {
+    copy_terminated(counter.report, report);
+    auto* const data = new Record{};
+    counter.data = data;
+    return *data;
 }
 
-/// Allocates the three blocks, zero-filled; as allocate_data().
+/// Allocates the three blocks; as allocate_data().
 template <typename Record>
-void allocate_records(tarn_mycustom_counter& counter) noexcept {
-    counter.data = new Record{};
+Record& allocate_records(tarn_mycustom_counter& counter, std::string_view report) noexcept {
     counter.data_prev = new Record{};
     counter.data_delta = new Record{};
+    return allocate_data<Record>(counter, report);
 }
 
-/// Releases each block that there is and clears its pointer.
+/// The operation `free` of a kind: releases each block that exists and clears its pointer.
 template <typename Record>
-void release_records(tarn_mycustom_counter& counter) {
+int free_records(tarn_mycustom_counter& counter) {
     for (void** block : {&counter.data, &counter.data_prev, &counter.data_delta}) {
         delete static_cast<Record*>(*block);
         *block = nullptr;
     }
+    return 1;
 }
 
 }  // namespace tarn

@@ -1,15 +1,16 @@
+// The report as text, for the debug trace.
+#include "report/tarn_bson_print.h"
+
 #include <bson/bson.h>
 
 #include <cinttypes>
 #include <cstdio>
 
-#include "report/tarn_bson.h"
-
 namespace {
 
 void print_elements(bson_iter_t& elements, int depth);
 
-/// Prints "type value" of the element that the iterator stands on. The report holds these types only.
+/// Prints "type value" of the iterator's element. The report holds these types only.
 void print_value(bson_iter_t& element, int depth) {
     bson_iter_t children;
     switch (bson_iter_type(&element)) {

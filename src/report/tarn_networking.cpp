@@ -14,11 +14,12 @@
 #include <span>
 #include <vector>
 
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
-#include "record/tarn_turn.h"
 #include "report/tarn_collector.h"
 #include "report/tarn_sign.h"
+#include "support/tarn_deadline.h"
 #include "support/tarn_streams.h"
 #include "support/tarn_text.h"
 
@@ -91,7 +92,7 @@ void ask_server(const char* server_ip) {
     } else if (answer->dnsa4_nrr < 1) {
         std::printf("error 1");
     } else {
-        tarn::copy_text(config.serverIp, tarn::ipv4_text(answer->dnsa4_addr[0]));
+        tarn::copy_terminated(config.serverIp, tarn::ipv4_text(answer->dnsa4_addr[0]));
         trace("%s", config.serverIp);
     }
     dns_close(nullptr);
@@ -108,7 +109,7 @@ int hostname_to_ip(const char* name, char (&text)[17]) {
     if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) return 1;
     in_addr address{};
     std::copy_n(host->h_addr_list[0], sizeof address, reinterpret_cast<char*>(&address));
-    tarn::copy_text(text, tarn::ipv4_text(address));
+    tarn::copy_terminated(text, tarn::ipv4_text(address));
     return 0;
 }
 
@@ -133,22 +134,22 @@ void update_ip() {
 }
 
 void send_data_tcp(std::span<const std::uint8_t> document) {
-    const tarn::stream connection = tarn::connect_tcp(collector_address(), config.port, config.server_tcp_to);
+    const tarn::stream connection =
+        tarn::connect_tcp(collector_address(), config.port, tarn::timeout_of(config.server_tcp_to));
     if (connection.failed == tarn::stream_step::connect) {
         std::printf("could not bind socket or connect whatever (%s) %d %d\n", collector_text(), -1,
                     connection.error);
         return;
     }
     if (connection.failed == tarn::stream_step::timeouts) std::printf("setsockopt failed\n");
-    if (!connection.socket) {
-        errno = connection.error;
-        if (connection.failed == tarn::stream_step::socket) std::perror("socket");
+    if (!connection) {
+        if (connection.failed == tarn::stream_step::socket) tarn::print_error("socket", connection.error);
         return;
     }
 
-    sign(document, packet);
+    sign(document, tarn::text_of(config.secret), packet);
     trace("Sending via TCP to %s:%d ...", collector_text(), config.port);
-    const ssize_t sent = tarn::send_once(connection.socket, std::as_bytes(std::span(packet)));
+    const ssize_t sent = tarn::send_once(connection, std::as_bytes(std::span(packet)));
     if (sent < 0 || static_cast<std::size_t>(sent) < packet.size()) {
         // A short write is one whose time ran out.
         std::printf("sending via tcp FAILED %d\n", sent < 0 ? errno : ETIMEDOUT);
@@ -168,7 +169,7 @@ void send_data_udp(std::span<const std::uint8_t> document) {
     collector.sin_port = htons(static_cast<std::uint16_t>(config.port));
     collector.sin_addr = collector_address();
 
-    sign(document, packet);
+    sign(document, tarn::text_of(config.secret), packet);
     trace("sending via UDP to %s:%d ...", collector_text(), config.port);
     if (::sendto(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL,
                  reinterpret_cast<const sockaddr*>(&collector), sizeof collector) < 0) {

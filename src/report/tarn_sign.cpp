@@ -2,11 +2,7 @@
 
 #include <openssl/sha.h>
 
-#include <cstdio>
-
-#include "record/tarn_config.h"
 #include "record/tarn_trace.h"
-#include "support/tarn_text.h"
 
 tarn_signature signature_of(std::span<const std::uint8_t> document, std::string_view secret) {
     std::array<unsigned char, SHA_DIGEST_LENGTH> digest{};
@@ -25,9 +21,9 @@ tarn_signature signature_of(std::span<const std::uint8_t> document, std::string_
     return signature;
 }
 
-void sign(std::span<const std::uint8_t> document, std::vector<std::uint8_t>& packet) {
+void sign(std::span<const std::uint8_t> document, std::string_view secret,
+          std::vector<std::uint8_t>& packet) {
     packet.assign(document.begin(), document.end());
-    const std::string_view secret = tarn::text_of(config.secret);
     if (secret.empty()) return;
     trace("sign packet\n");
     const tarn_signature signature = signature_of(document, secret);

@@ -12,6 +12,6 @@ using tarn_signature = std::array<char, 40>;
 /// SHA-1 over the document's bytes and then the secret's, as one message.
 tarn_signature signature_of(std::span<const std::uint8_t> document, std::string_view secret);
 
-/// Makes the packet that is sent: the document, followed by its signature when a secret is configured. The
+/// Makes the packet that is sent: the document, followed by its signature unless the secret is empty. The
 /// packet's buffer is reused.
-void sign(std::span<const std::uint8_t> document, std::vector<std::uint8_t>& packet);
+void sign(std::span<const std::uint8_t> document, std::string_view secret, std::vector<std::uint8_t>& packet);

@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "record/tarn_config.h"
-#include "record/tarn_rates.h"
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
 #include "support/tarn_version.h"
@@ -14,19 +13,20 @@
 namespace {
 
 using data_apache = tarn_mycustom_data_apache;
+using enum tarn::rule;
 
 struct scoreboard_cell {
     char letter;
     std::uint64_t data_apache::*member;
 };
 
-/// Cells that are counted; "W" is what the page calls sending a reply.
+/// Cells that are counted. "W" is a worker that sends a reply, whatever the name of its member.
 constexpr scoreboard_cell cells[] = {{'W', &data_apache::scWaiting},   {'R', &data_apache::scReading},
                                      {'K', &data_apache::scKeepalive}, {'I', &data_apache::scIdlecleanup},
                                      {'D', &data_apache::scDns},       {'G', &data_apache::scFinishing},
                                      {'C', &data_apache::scClosing},   {'L', &data_apache::scLogging}};
 
-void as_scoreboard(data_apache& data, std::string_view value) {
+void count_cells(data_apache& data, std::string_view value) {
     for (const char letter : tarn::scanner(value).word()) {
         for (const scoreboard_cell& cell : cells) {
             if (cell.letter == letter) ++(data.*cell.member);
@@ -34,24 +34,20 @@ void as_scoreboard(data_apache& data, std::string_view value) {
     }
 }
 
-constexpr tarn::reply_row<data_apache> page_rows[] = {
-    {"Total Accesses:", tarn::as_number<&data_apache::totalAccesses>},
-    {"BusyWorkers:", tarn::as_number<&data_apache::busyWorkers>},
-    {"IdleWorkers:", tarn::as_number<&data_apache::idleWorkers>},
-    {"Scoreboard:", as_scoreboard}};
-
-constexpr tarn::bson_row<data_apache> rows[] = {{"ok", tarn::as_int64<&data_apache::ok>},
-                                                {"bW", tarn::as_int64<&data_apache::busyWorkers>},
-                                                {"iW", tarn::as_int64<&data_apache::idleWorkers>},
-                                                {"tA", tarn::as_int64<&data_apache::totalAccesses>},
-                                                {"sc_W", tarn::as_int64<&data_apache::scWaiting>},
-                                                {"sc_R", tarn::as_int64<&data_apache::scReading>},
-                                                {"sc_K", tarn::as_int64<&data_apache::scKeepalive>},
-                                                {"sc_I", tarn::as_int64<&data_apache::scIdlecleanup>},
-                                                {"sc_D", tarn::as_int64<&data_apache::scDns>},
-                                                {"sc_F", tarn::as_int64<&data_apache::scFinishing>},
-                                                {"sc_C", tarn::as_int64<&data_apache::scClosing>},
-                                                {"sc_L", tarn::as_int64<&data_apache::scLogging>}};
+constexpr auto figures = tarn::figures_of<data_apache>({
+    tarn::reported<&data_apache::ok>("ok"),
+    tarn::number<&data_apache::busyWorkers>("BusyWorkers:", "bW"),
+    tarn::number<&data_apache::idleWorkers>("IdleWorkers:", "iW"),
+    tarn::number<&data_apache::totalAccesses, per_second>("Total Accesses:", "tA"),
+    tarn::read_by<&data_apache::scWaiting, count_cells>("Scoreboard:", "sc_W"),
+    tarn::reported<&data_apache::scReading>("sc_R"),
+    tarn::reported<&data_apache::scKeepalive>("sc_K"),
+    tarn::reported<&data_apache::scIdlecleanup>("sc_I"),
+    tarn::reported<&data_apache::scDns>("sc_D"),
+    tarn::reported<&data_apache::scFinishing>("sc_F"),
+    tarn::reported<&data_apache::scClosing>("sc_C"),
+    tarn::reported<&data_apache::scLogging>("sc_L"),
+});
 
 /// "ID [USER:PASSWORD@]HOST:PORT".
 void apache_parse_conf(tarn_mycustom_counter& counter, data_apache& data) {
@@ -62,18 +58,13 @@ void apache_parse_conf(tarn_mycustom_counter& counter, data_apache& data) {
     data.port = static_cast<std::uint32_t>(conf.number());
 }
 
-/// HTTP/1.0 without a Host header, and credentials even when there are none.
-std::string request_of(const data_apache& data) {
-    std::string request = "GET /server-status";
-    request.append(config.apacheSlashed != 0 ? "/" : "").append("?auto HTTP/1.0\r\nUser-Agent: tarn-client ");
-    request.append(tarn_version).append("\r\nAuthorization: Basic ").append(data.auth64).append("\r\n\r\n");
-    return request;
-}
-
-bool sample(data_apache& data) {
-    const auto page =
-        tarn::fetch_status_page("apache", data.host, static_cast<int>(data.port), request_of(data));
-    return page && apache_parse_res(*page, data) != 0;
+int apache_init(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_records<data_apache>(counter, "Apache");
+    apache_parse_conf(counter, data);
+    tarn::set_credentials_if_any(data.auth64, data.user, data.pass);
+    std::printf("Apache %s init with %s %s %s %d %s\n", counter.id, data.user, "***", data.host,
+                static_cast<int>(data.port), data.auth64);
+    return 1;
 }
 
 }  // namespace
@@ -85,38 +76,26 @@ int apache_parse_res(std::string_view raw, tarn_mycustom_data_apache& data) {
     for (const scoreboard_cell& cell : cells)
         data.*cell.member = 0;
     for (; !line.empty(); line = tarn::next_token(raw, "\n"))
-        tarn::store_line(line, page_rows, data);
+        tarn::store_by_prefix(line, figures, data);
     return 1;
 }
 
-int apache_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_apache>(counter);
-    tarn::copy_text(counter.report, "Apache");
-    auto& data = tarn::data_of<data_apache>(counter);
-    apache_parse_conf(counter, data);
-    tarn::set_credentials_if_any(data.auth64, data.user, data.pass);
-    std::printf("Apache %s init with %s %s %s %d %s\n", counter.id, data.user, "***", data.host,
-                static_cast<int>(data.port), data.auth64);
-    return 1;
+namespace {
+
+/// HTTP/1.0 without a Host header, and an Authorization header even without credentials.
+std::string request_of(const data_apache& data) {
+    std::string request = "GET /server-status";
+    request.append(config.apacheSlashed != 0 ? "/" : "").append("?auto HTTP/1.0\r\nUser-Agent: tarn-client ");
+    request.append(tarn_version).append("\r\nAuthorization: Basic ").append(data.auth64).append("\r\n\r\n");
+    return request;
 }
 
-int apache_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_apache>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    if (data.ok == 0) std::printf("APACHE ERRRR :\n");
-    return data.ok;
-}
-
-int apache_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
-    const auto rate = [interval](const data_apache& data, const data_apache& prev, data_apache& delta) {
-        delta.totalAccesses = (data.totalAccesses - prev.totalAccesses) / interval;
-    };
-    return tarn::delta_scheme<data_apache>(counter, iteration, rate);
-}
-
-int apache_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return tarn::append_labelled(counter, document, rows);
+bool apache_update(data_apache& data) {
+    const auto page =
+        tarn::fetch_status_page("apache", data.host, static_cast<int>(data.port), request_of(data));
+    const bool parsed = page && apache_parse_res(*page, data) != 0;
+    if (!parsed) std::printf("APACHE ERRRR :\n");
+    return parsed;
 }
 
 int apache_dump(tarn_mycustom_counter& counter) {
@@ -138,7 +117,13 @@ int apache_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int apache_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_apache>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations apache_operations = {
+    .init = apache_init,
+    .update = tarn::sampled<apache_update>,
+    .delta = tarn::delta_by_rules<figures>,
+    .tobson = tarn::append_labelled<figures>,
+    .dump = apache_dump,
+    .free = tarn::free_records<data_apache>,
+};

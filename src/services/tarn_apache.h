@@ -29,9 +29,4 @@ struct tarn_mycustom_data_apache {
 /// else 1.
 int apache_parse_res(std::string_view raw, tarn_mycustom_data_apache& data);
 
-int apache_init(tarn_mycustom_counter& counter);
-int apache_update(tarn_mycustom_counter& counter);
-int apache_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int apache_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int apache_dump(tarn_mycustom_counter& counter);
-int apache_free(tarn_mycustom_counter& counter);
+extern const tarn_operations apache_operations;

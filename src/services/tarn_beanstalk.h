@@ -21,9 +21,4 @@ struct tarn_mycustom_data_beanstalk {
 /// Reads the reply to "stats" into the record.
 void beanstalk_parse_stats(std::string_view reply, tarn_mycustom_data_beanstalk& data);
 
-int beanstalk_init1(tarn_mycustom_counter& counter);
-int beanstalk_update(tarn_mycustom_counter& counter);
-int beanstalk_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int beanstalk_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int beanstalk_dump(tarn_mycustom_counter& counter);
-int beanstalk_free(tarn_mycustom_counter& counter);
+extern const tarn_operations beanstalk_operations;

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "record/tarn_rates.h"
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
 #include "support/tarn_json.h"
@@ -14,6 +13,18 @@ namespace {
 
 using data_elastic = tarn_mycustom_data_elastic;
 
+constexpr auto figures = tarn::figures_of<data_elastic>({
+    tarn::reported<&data_elastic::ok>("ok"),
+    tarn::reported<&data_elastic::node_queue_size>("node_queue_size"),
+    tarn::reported<&data_elastic::node_active_size>("node_active_size"),
+    tarn::reported<&data_elastic::threads_search_queue>("threads_search_queue"),
+    tarn::reported<&data_elastic::threads_search_active>("threads_search_active"),
+    tarn::reported<&data_elastic::status>("status"),
+    tarn::reported<&data_elastic::initializing_shards>("initializing_shards"),
+    tarn::reported<&data_elastic::relocating_shards>("relocating_shards"),
+    tarn::reported<&data_elastic::unassigned_shards>("unassigned_shards"),
+});
+
 /// Status texts, by how they begin, and their codes.
 struct health {
     std::string_view text;
@@ -21,20 +32,7 @@ struct health {
 };
 constexpr health healths[] = {{"green", 3}, {"yellow", 2}, {"red", 1}};
 
-constexpr std::size_t most_path = 255;
-
-constexpr tarn::bson_row<data_elastic> rows[] = {
-    {"ok", tarn::as_int64<&data_elastic::ok>},
-    {"node_queue_size", tarn::as_int64<&data_elastic::node_queue_size>},
-    {"node_active_size", tarn::as_int64<&data_elastic::node_active_size>},
-    {"threads_search_queue", tarn::as_int64<&data_elastic::threads_search_queue>},
-    {"threads_search_active", tarn::as_int64<&data_elastic::threads_search_active>},
-    {"status", tarn::as_int64<&data_elastic::status>},
-    {"initializing_shards", tarn::as_int64<&data_elastic::initializing_shards>},
-    {"relocating_shards", tarn::as_int64<&data_elastic::relocating_shards>},
-    {"unassigned_shards", tarn::as_int64<&data_elastic::unassigned_shards>}};
-
-/// "ID HOST:PORT NODE". Only the first ":" behind the host separates; a node's name may hold more of them.
+/// "ID HOST:PORT NODE". Only the first ":" after the host separates; a node's name may hold more of them.
 void elastic_parse_conf(tarn_mycustom_counter& counter, data_elastic& data) {
     tarn::service_conf conf(counter, "");
     conf.word(counter.id);
@@ -42,6 +40,11 @@ void elastic_parse_conf(tarn_mycustom_counter& counter, data_elastic& data) {
     data.port = static_cast<std::uint16_t>(conf.number());
     conf.word(data.node_name);
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
+}
+
+int elastic_init(tarn_mycustom_counter& counter) {
+    elastic_parse_conf(counter, tarn::allocate_records<data_elastic>(counter, "Elastic"));
+    return 1;
 }
 
 std::uint16_t number_at(const nx_json& root, std::string_view path) {
@@ -55,38 +58,6 @@ std::uint16_t sum_of(const nx_json& pools, const char* figure) {
     if (error == 0) return static_cast<std::uint16_t>(sum);
     std::printf("[elastic] Error: '%s' not found in thread_pool object\n", figure);
     return 0;
-}
-
-/// Neither a Host header nor credentials.
-std::string tarn_elastic_construct_api_request(const std::string& path) {
-    return "GET " + path + " HTTP/1.1\r\n\r\n";
-}
-
-bool read_pools(const tarn::unique_fd& socket, data_elastic& data) {
-    std::string path = "/_nodes/";
-    path.append(data.node_name).append("/stats/thread_pool");
-    path.resize(std::min(path.size(), most_path));
-    auto body = tarn::fetch_body("elastic", socket, tarn_elastic_construct_api_request(path));
-    if (!body) std::printf("[elastic] Response for /_nodes/.../stats/thread_pool is NULL\n");
-    return body && elastic_parse_node_items(std::move(*body), data) != 0;
-}
-
-bool read_health(const tarn::unique_fd& socket, data_elastic& data) {
-    auto body = tarn::fetch_body("elastic", socket, tarn_elastic_construct_api_request("/_cluster/health"));
-    if (!body) {
-        std::printf("[elastic] Response for /_cluster/health is NULL\n");
-        return false;
-    }
-    if (elastic_parse_cluster_health(std::move(*body), data) != 0) return true;
-    std::printf("[elastic] Cannot parse cluster health\n");
-    return false;
-}
-
-bool sample(data_elastic& data) {
-    const auto host = tarn::service_host("elastic", data.in_docker, data.docker_container_name, data.host);
-    if (!host) return false;
-    const tarn::unique_fd socket = tarn::connect_http("elastic", *host, data.port);
-    return socket && read_pools(socket, data) && read_health(socket, data);
 }
 
 }  // namespace
@@ -120,31 +91,49 @@ int elastic_parse_cluster_health(std::string body, tarn_mycustom_data_elastic& d
     return 1;
 }
 
-int elastic_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_elastic>(counter);
-    tarn::copy_text(counter.report, "Elastic");
-    elastic_parse_conf(counter, tarn::data_of<data_elastic>(counter));
-    return 1;
+namespace {
+
+constexpr std::size_t max_path = 255;
+
+/// Neither a Host header nor credentials.
+std::string tarn_elastic_construct_api_request(const std::string& path) {
+    return "GET " + path + " HTTP/1.1\r\n\r\n";
 }
 
-int elastic_reinit(tarn_mycustom_counter& /*counter*/) {
-    return 1;
+bool read_pools(const tarn::stream& connection, data_elastic& data) {
+    std::string path = "/_nodes/";
+    path.append(data.node_name).append("/stats/thread_pool");
+    path.resize(std::min(path.size(), max_path));
+    auto body = tarn::fetch_body("elastic", connection, tarn_elastic_construct_api_request(path),
+                                 tarn::answer_deadline(tarn::body_timeouts));
+    if (!body) std::printf("[elastic] Response for /_nodes/.../stats/thread_pool is NULL\n");
+    return body && elastic_parse_node_items(std::move(*body), data) != 0;
 }
 
-int elastic_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_elastic>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    if (data.ok == 0) std::printf("elastic error\n");
-    return data.ok;
+bool read_health(const tarn::stream& connection, data_elastic& data) {
+    auto body =
+        tarn::fetch_body("elastic", connection, tarn_elastic_construct_api_request("/_cluster/health"),
+                         tarn::answer_deadline(tarn::body_timeouts));
+    if (!body) {
+        std::printf("[elastic] Response for /_cluster/health is NULL\n");
+        return false;
+    }
+    if (elastic_parse_cluster_health(std::move(*body), data) != 0) return true;
+    std::printf("[elastic] Cannot parse cluster health\n");
+    return false;
 }
 
-int elastic_delta(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, std::uint64_t /*iteration*/) {
-    return tarn::delta_absolute<data_elastic>(counter);
+bool fetch_figures(data_elastic& data) {
+    const auto host = tarn::service_host("elastic", data.in_docker, data.docker_container_name, data.host);
+    if (!host) return false;
+    const tarn::stream connection = tarn::connect_http("elastic", *host, data.port);
+    return connection && read_pools(connection, data) && read_health(connection, data);
 }
 
-int elastic_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return tarn::append_labelled(counter, document, rows);
+bool elastic_update(data_elastic& data) {
+    const bool fetched = fetch_figures(data);
+    if (!fetched) std::printf("elastic error\n");
+    return fetched;
 }
 
 int elastic_dump(tarn_mycustom_counter& counter) {
@@ -161,7 +150,14 @@ int elastic_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int elastic_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_elastic>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations elastic_operations = {
+    .init = elastic_init,
+    .reinit = tarn::reinit_nothing,
+    .update = tarn::sampled<elastic_update>,
+    .delta = tarn::delta_as_read<data_elastic>,
+    .tobson = tarn::append_labelled<figures>,
+    .dump = elastic_dump,
+    .free = tarn::free_records<data_elastic>,
+};

@@ -31,10 +31,4 @@ int elastic_parse_node_items(std::string body, tarn_mycustom_data_elastic& data)
 /// Reads the body of "/_cluster/health"; 0 when it does not parse, else 1.
 int elastic_parse_cluster_health(std::string body, tarn_mycustom_data_elastic& data);
 
-int elastic_init(tarn_mycustom_counter& counter);
-int elastic_reinit(tarn_mycustom_counter& counter);
-int elastic_update(tarn_mycustom_counter& counter);
-int elastic_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int elastic_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int elastic_dump(tarn_mycustom_counter& counter);
-int elastic_free(tarn_mycustom_counter& counter);
+extern const tarn_operations elastic_operations;

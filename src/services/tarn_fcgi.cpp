@@ -1,16 +1,13 @@
-// The FastCGI protocol: records of an eight-byte head, content and padding. The client sends three records in
-// one write and reads the answer's records from a buffer of 5000 bytes.
+// The FastCGI protocol: records of an eight-byte header, content and padding. The client sends three records
+// in one write and reads the answer's records from a buffer of 5000 bytes.
 #include "services/tarn_fcgi.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "record/tarn_config.h"
 
 namespace {
 
@@ -19,8 +16,8 @@ constexpr std::uint8_t type_begin_request = 1;
 constexpr std::uint8_t type_parameters = 4;
 constexpr std::uint8_t role_responder = 1;
 
-/// All that is received of an answer; a status page is a few hundred bytes.
-constexpr std::size_t most_answer = 4999;
+/// The most that is received of an answer; a status page is a few hundred bytes.
+constexpr std::size_t max_answer = 4999;
 
 fcgi_header create_header(std::uint8_t type, std::uint16_t request_id, std::size_t content_len) {
     fcgi_header header;
@@ -46,21 +43,21 @@ void append_length(std::string& buffer, std::size_t length) {
     }
 }
 
-/// Stores one byte of the head and moves on.
+/// Stores one byte of the header and advances the state.
 void process_header(char byte, fcgi_record& record) {
     auto* const bytes = reinterpret_cast<char*>(&record.header);
     bytes[record.state] = byte;
     record.state = static_cast<fcgi_state>(record.state + 1);
 }
 
-/// Makes room for the content that the head announces.
+/// Makes room for the content that the header announces.
 void begin_content(fcgi_record& record) {
     record.length = record.header.content_len_hi * 256U + record.header.content_len_lo;
     record.content.assign(record.length, '\0');
     record.state = fcgi_state_content_proc;
 }
 
-/// Takes content and then padding. A record is complete when its padding has come, too.
+/// Takes content and then padding. A record is complete once its padding has been received.
 fcgi_progress process_content(std::span<const char>& bytes, fcgi_record& record) {
     const std::size_t wanted = record.length + record.header.padding_len - record.offset;
     const std::size_t taken = std::min(bytes.size(), wanted);
@@ -84,8 +81,8 @@ bool is_timeout(int error) {
 }
 
 /// Receives once into the buffer; empty at the end of the session.
-std::span<const char> receive(const tarn::unique_fd& socket, std::span<char> buffer) {
-    const ssize_t got = tarn::receive_once(socket, buffer);
+std::span<const char> receive(const tarn::stream& connection, std::span<char> buffer) {
+    const ssize_t got = tarn::receive_once(connection, buffer);
     if (got < 0 && !is_timeout(errno)) {
         std::perror("recv");
         std::exit(EXIT_FAILURE);
@@ -94,14 +91,12 @@ std::span<const char> receive(const tarn::unique_fd& socket, std::span<char> buf
 }
 
 /// Decodes records until nothing more comes. What follows a complete record in the same read is dropped.
-void read_answer(const tarn::unique_fd& socket, const fcgi_use_record& use) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::max(config.counter_tcp_to, 1));
-    std::array<char, most_answer> buffer;
+void read_answer(const tarn::stream& connection, tarn::deadline end, const fcgi_use_record& use) {
+    std::array<char, max_answer> buffer;
     std::size_t total = 0;
     fcgi_record record;
-    while (total < most_answer && std::chrono::steady_clock::now() < deadline) {
-        std::span<const char> bytes = receive(socket, std::span(buffer).subspan(total));
+    while (total < max_answer && !end.has_passed()) {
+        std::span<const char> bytes = receive(connection, std::span(buffer).subspan(total));
         if (bytes.empty()) return;
         total += bytes.size();
         if (fcgi_process_record(bytes, record) == fcgi_progress::incomplete) continue;
@@ -131,7 +126,7 @@ std::string fcgi_status_request(std::string_view status_path) {
         serialize_name_value(parameters, pair);
 
     constexpr std::uint16_t request_id = 1;
-    constexpr std::array<char, 8> begin_body{0, role_responder};  // the server closes behind the answer
+    constexpr std::array<char, 8> begin_body{0, role_responder};  // the server closes after the answer
     std::string request;
     append_header(request, create_header(type_begin_request, request_id, begin_body.size()));
     request.append(begin_body.data(), begin_body.size());
@@ -147,17 +142,17 @@ fcgi_progress fcgi_process_record(std::span<const char>& bytes, fcgi_record& rec
         process_header(bytes.front(), record);
         bytes = bytes.subspan(1);
     }
-    // Even a record without content is not complete as long as its head is the last that has come.
+    // Even a record without content is not complete while its header is the last that was received.
     if (bytes.empty()) return fcgi_progress::incomplete;
     if (record.state == fcgi_state_content_begin) begin_content(record);
     return process_content(bytes, record);
 }
 
-void simple_session_1(const tarn::unique_fd& socket, std::string_view status_path,
+void simple_session_1(const tarn::stream& connection, std::string_view status_path, tarn::deadline end,
                       const fcgi_use_record& use) {
-    if (tarn::send_once(socket, fcgi_status_request(status_path)) < 0) {
+    if (tarn::send_once(connection, fcgi_status_request(status_path)) < 0) {
         std::perror("send");
         return;
     }
-    read_answer(socket, use);
+    read_answer(connection, end, use);
 }

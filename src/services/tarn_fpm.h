@@ -26,9 +26,4 @@ struct tarn_mycustom_data_fpm {
 /// else 1.
 int fpm_parse_res(std::string_view raw, tarn_mycustom_data_fpm& data);
 
-int fpm_init(tarn_mycustom_counter& counter);
-int fpm_update(tarn_mycustom_counter& counter);
-int fpm_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int fpm_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int fpm_dump(tarn_mycustom_counter& counter);
-int fpm_free(tarn_mycustom_counter& counter);
+extern const tarn_operations fpm_operations;

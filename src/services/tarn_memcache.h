@@ -25,16 +25,7 @@ struct tarn_mycustom_data_memcache {
     std::uint64_t max_bytes;    ///< limit_maxbytes, bytes
 };
 
-/// Reads "HOST:PORT", "HOST:SOCKETPATH" or "[CONTAINER]:PORT" into the counter's id and the record. Returns
-/// 1; 0 for a text without a ":".
-int memcache_parse_conf(tarn_mycustom_counter& counter, tarn_mycustom_data_memcache& data);
-
 /// Reads the reply to "stats" into the record.
 void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data);
 
-int memcache_init1(tarn_mycustom_counter& counter);
-int memcache_update(tarn_mycustom_counter& counter);
-int memcache_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int memcache_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int memcache_dump(tarn_mycustom_counter& counter);
-int memcache_free(tarn_mycustom_counter& counter);
+extern const tarn_operations memcache_operations;

@@ -1,12 +1,10 @@
-// Read from a MySQL server through its client library: global status rows (name, value), InnoDB row counts
-// where the server tells its InnoDB version, and the replication status.
+// Read from a MySQL server through its client library: global status rows (name, value), InnoDB row counts if
+// the server reports its InnoDB version, and the replication status.
 #include "services/tarn_mysql.h"
 
 #include <cinttypes>
 #include <cstdio>
 
-#include "record/tarn_config.h"
-#include "record/tarn_rates.h"
 #include "services/tarn_mysqlclient.h"
 #include "services/tarn_service.h"
 #include "support/tarn_version.h"
@@ -14,79 +12,53 @@
 namespace {
 
 using data_mysql = tarn_mycustom_data_mysql;
+using enum tarn::rule;
 
-/// A count of pages, kept as bytes.
+/// Stores a count of pages as bytes.
 template <auto Member>
-void as_pages(data_mysql& data, std::string_view value) {
+void read_pages(data_mysql& data, std::string_view value) {
     constexpr unsigned page_bits = 14;
     data.*Member = tarn::to_number<std::uint64_t>(value) << page_bits;
 }
 
+void append_running(bson_t& document, std::string_view key, const data_mysql& data) {
+    if (data.is_slave == 0) return;
+    tarn::append_int64(document, key, data.slave_io != 0 && data.slave_sql != 0 ? 1 : 0);
+}
+
+void append_delay(bson_t& document, std::string_view key, const data_mysql& data) {
+    if (data.is_slave != 0) tarn::append_int64(document, key, data.slave_delay);
+}
+
+constexpr auto figures = tarn::figures_of<data_mysql>({
+    tarn::number_or_0<&data_mysql::insert, per_minute>("Com_insert", "insert"),
+    tarn::number_or_0<&data_mysql::select, per_minute>("Com_select", "select"),
+    tarn::number_or_0<&data_mysql::update, per_minute>("Com_update", "update"),
+    tarn::number_or_0<&data_mysql::delet, per_minute>("Com_delete", "delete"),
+    tarn::number_or_0<&data_mysql::aborted, per_minute>("Aborted_connects", "aborted"),
+    tarn::read_by<&data_mysql::innodb_pool, read_pages<&data_mysql::innodb_pool>>(
+        "Innodb_buffer_pool_pages_data", "innodb_pool"),
+    tarn::number_or_0<&data_mysql::slow, per_minute>("Slow_queries", "slow"),
+    tarn::read_by<&data_mysql::innodb_free, read_pages<&data_mysql::innodb_free>>(
+        "Innodb_buffer_pool_pages_free", "innodb_free"),
+    tarn::number_or_0<&data_mysql::innodb_rows_deleted, per_minute>("INNODB_ROWS_DELETED", "innodb_del"),
+    tarn::number_or_0<&data_mysql::innodb_rows_inserted, per_minute>("INNODB_ROWS_INSERTED", "innodb_ins"),
+    tarn::number_or_0<&data_mysql::innodb_rows_read, per_minute>("INNODB_ROWS_READ", "innodb_read"),
+    tarn::number_or_0<&data_mysql::innodb_rows_updated, per_minute>("INNODB_ROWS_UPDATED", "innodb_updated"),
+    tarn::appended_by(append_running, tarn::reported<&data_mysql::slave_io>("slave_running")),
+    tarn::appended_by(append_delay, tarn::reported<&data_mysql::slave_delay>("behind_master")),
+});
+
 constexpr const char* status_statement =
     "SHOW GLOBAL STATUS where Variable_name in ('Com_select','Com_insert','Com_update','Com_delete',"
     "'Aborted_connects','Innodb_buffer_pool_pages_data','Slow_queries','Innodb_buffer_pool_pages_free')";
-constexpr tarn::reply_row<data_mysql> status_rows[] = {
-    {"Com_insert", tarn::as_number_or_0<&data_mysql::insert>},
-    {"Com_select", tarn::as_number_or_0<&data_mysql::select>},
-    {"Com_update", tarn::as_number_or_0<&data_mysql::update>},
-    {"Com_delete", tarn::as_number_or_0<&data_mysql::delet>},
-    {"Innodb_buffer_pool_pages_data", as_pages<&data_mysql::innodb_pool>},
-    {"Innodb_buffer_pool_pages_free", as_pages<&data_mysql::innodb_free>},
-    {"Slow_queries", tarn::as_number_or_0<&data_mysql::slow>},
-    {"Aborted_connects", tarn::as_number_or_0<&data_mysql::aborted>}};
-
 constexpr const char* innodb_statement =
     "select * from information_schema.GLOBAL_STATUS where VARIABLE_NAME like 'INNODB_ROWS_%'";
-constexpr tarn::reply_row<data_mysql> innodb_rows[] = {
-    {"INNODB_ROWS_DELETED", tarn::as_number_or_0<&data_mysql::innodb_rows_deleted>},
-    {"INNODB_ROWS_INSERTED", tarn::as_number_or_0<&data_mysql::innodb_rows_inserted>},
-    {"INNODB_ROWS_READ", tarn::as_number_or_0<&data_mysql::innodb_rows_read>},
-    {"INNODB_ROWS_UPDATED", tarn::as_number_or_0<&data_mysql::innodb_rows_updated>}};
 
 /// Columns of the replication status.
 constexpr unsigned slave_io_running = 10;
 constexpr unsigned slave_sql_running = 11;
 constexpr unsigned seconds_behind_master = 32;
-
-constexpr std::uint64_t data_mysql::*rated[] = {&data_mysql::insert,
-                                                &data_mysql::select,
-                                                &data_mysql::update,
-                                                &data_mysql::delet,
-                                                &data_mysql::aborted,
-                                                &data_mysql::slow,
-                                                &data_mysql::innodb_rows_deleted,
-                                                &data_mysql::innodb_rows_inserted,
-                                                &data_mysql::innodb_rows_read,
-                                                &data_mysql::innodb_rows_updated};
-
-void as_running(bson_t& document, const char* key, const data_mysql& data) {
-    if (data.is_slave == 0) return;
-    tarn::append_int64(document, key, data.slave_io != 0 && data.slave_sql != 0 ? 1 : 0);
-}
-
-void as_delay(bson_t& document, const char* key, const data_mysql& data) {
-    if (data.is_slave != 0) tarn::append_int64(document, key, data.slave_delay);
-}
-
-constexpr tarn::bson_row<data_mysql> rows[] = {
-    {"insert", tarn::as_int64<&data_mysql::insert>},
-    {"select", tarn::as_int64<&data_mysql::select>},
-    {"update", tarn::as_int64<&data_mysql::update>},
-    {"delete", tarn::as_int64<&data_mysql::delet>},
-    {"aborted", tarn::as_int64<&data_mysql::aborted>},
-    {"innodb_pool", tarn::as_int64<&data_mysql::innodb_pool>},
-    {"slow", tarn::as_int64<&data_mysql::slow>},
-    {"innodb_free", tarn::as_int64<&data_mysql::innodb_free>},
-    {"innodb_del", tarn::as_int64<&data_mysql::innodb_rows_deleted>},
-    {"innodb_ins", tarn::as_int64<&data_mysql::innodb_rows_inserted>},
-    {"innodb_read", tarn::as_int64<&data_mysql::innodb_rows_read>},
-    {"innodb_updated", tarn::as_int64<&data_mysql::innodb_rows_updated>},
-    {"slave_running", as_running},
-    {"behind_master", as_delay}};
-
-bool is_loaded() {
-    return config.mysql_handle != nullptr;
-}
 
 /// "ID USER:PASSWORD@HOST:PORT", or a socket path in place of the port.
 void mysql_parse_conf(tarn_mycustom_counter& counter, data_mysql& data) {
@@ -96,6 +68,14 @@ void mysql_parse_conf(tarn_mycustom_counter& counter, data_mysql& data) {
     conf.word(data.host);
     conf.port_or_socket(data.port, data.socket);
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
+}
+
+int mysql_init1(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_records<data_mysql>(counter, "Mysql");
+    mysql_parse_conf(counter, data);
+    std::printf("Mysql %s init with %s %s %s %d %s\n", counter.id, data.user, "***", data.host,
+                static_cast<int>(data.port), data.socket);
+    return 1;
 }
 
 bool connect_path(tarn::mysql_connection& connection, const data_mysql& data) {
@@ -124,13 +104,11 @@ bool connect_mysql(tarn::mysql_connection& connection, const data_mysql& data) {
     return false;
 }
 
-/// Stores the rows of a statement that yields names and values.
-template <std::size_t Rows>
-void read_named(const tarn::mysql_connection& connection, const char* statement,
-                const tarn::reply_row<data_mysql> (&table)[Rows], data_mysql& data) {
+/// Stores the rows of a statement that returns names and values.
+void read_named(const tarn::mysql_connection& connection, const char* statement, data_mysql& data) {
     tarn::mysql_rows result(connection, statement, 2);
     while (char** const row = result.next()) {
-        if (row[0] != nullptr) tarn::store_named(row[0], row[1] != nullptr ? row[1] : "", table, data);
+        if (row[0] != nullptr) tarn::store_by_name(row[0], row[1] != nullptr ? row[1] : "", figures, data);
     }
 }
 
@@ -144,15 +122,15 @@ tarn_version_info parse_version(std::string_view text) {
     return {static_cast<unsigned>(major), static_cast<unsigned>(minor)};
 }
 
-/// True when the server tells an InnoDB version from which the row counts are there.
-bool tells_innodb_rows(const tarn::mysql_connection& connection) {
+/// True when the server reports an InnoDB version that has the row counts.
+bool has_innodb_rows(const tarn::mysql_connection& connection) {
     constexpr tarn_version_info first{5, 0};
     tarn::mysql_rows result(connection, "SHOW VARIABLES LIKE 'innodb_version'", 2);
-    bool tells = false;
+    bool has_rows = false;
     while (char** const row = result.next()) {
-        if (row[1] != nullptr) tells = tells || tarn_version_compare(parse_version(row[1]), first) >= 0;
+        if (row[1] != nullptr) has_rows = has_rows || tarn_version_compare(parse_version(row[1]), first) >= 0;
     }
-    return tells;
+    return has_rows;
 }
 
 void read_replication(const tarn::mysql_connection& connection, data_mysql& data) {
@@ -168,46 +146,16 @@ void read_replication(const tarn::mysql_connection& connection, data_mysql& data
     }
 }
 
-bool sample(data_mysql& data) {
+bool mysql_update(data_mysql& data) {
     tarn::mysql_connection connection = tarn::mysql_prepare();
     if (!connect_mysql(connection, data)) return false;
-    read_named(connection, status_statement, status_rows, data);
-    if (tells_innodb_rows(connection)) read_named(connection, innodb_statement, innodb_rows, data);
+    read_named(connection, status_statement, data);
+    if (has_innodb_rows(connection)) read_named(connection, innodb_statement, data);
     read_replication(connection, data);
     return true;
 }
 
-}  // namespace
-
-int mysql_init1(tarn_mycustom_counter& counter) {
-    if (!is_loaded()) return 0;
-    tarn::allocate_records<data_mysql>(counter);
-    tarn::copy_text(counter.report, "Mysql");
-    auto& data = tarn::data_of<data_mysql>(counter);
-    mysql_parse_conf(counter, data);
-    std::printf("Mysql %s init with %s %s %s %d %s\n", counter.id, data.user, "***", data.host,
-                static_cast<int>(data.port), data.socket);
-    return 1;
-}
-
-int mysql_update(tarn_mycustom_counter& counter) {
-    if (!is_loaded()) return 0;
-    auto& data = tarn::data_of<data_mysql>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    return data.ok;
-}
-
-int mysql_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
-    return is_loaded() ? tarn::delta_per_minute(counter, interval, iteration, rated) : 0;
-}
-
-int mysql_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return is_loaded() ? tarn::append_service(counter, document, rows) : 0;
-}
-
 int mysql_dump(tarn_mycustom_counter& counter) {
-    if (!is_loaded()) return 0;
     const auto& delta = tarn::data_delta_of<data_mysql>(counter);
     std::printf("MyCustom %s report %s :\n", counter.report, counter.id);
     std::printf("\tinsert = %" PRIu64 "\n", delta.insert);
@@ -230,7 +178,13 @@ int mysql_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int mysql_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_mysql>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations mysql_operations = {
+    .init = tarn::with_mysql<mysql_init1>,
+    .update = tarn::with_mysql<tarn::sampled<mysql_update>>,
+    .delta = tarn::with_mysql<tarn::delta_by_rules<figures>>,
+    .tobson = tarn::with_mysql<tarn::append_by_id<figures>>,
+    .dump = tarn::with_mysql<mysql_dump>,
+    .free = tarn::free_records<data_mysql>,
+};

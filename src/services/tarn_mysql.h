@@ -32,9 +32,4 @@ struct tarn_mycustom_data_mysql {
     std::uint32_t slave_delay;           ///< seconds behind the master
 };
 
-int mysql_init1(tarn_mycustom_counter& counter);
-int mysql_update(tarn_mycustom_counter& counter);
-int mysql_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int mysql_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int mysql_dump(tarn_mycustom_counter& counter);
-int mysql_free(tarn_mycustom_counter& counter);
+extern const tarn_operations mysql_operations;

@@ -1,14 +1,16 @@
+// The MySQL client library, reached through the eleven functions that are looked up in it.
 #include "services/tarn_mysqlclient.h"
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "record/tarn_config.h"
 #include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
 #include "support/tarn_files.h"
+#include "support/tarn_socket_deadline.h"
 #include "support/tarn_text.h"
 
 namespace {
@@ -43,7 +45,7 @@ constexpr const char* allowed_methods =
     "mysql_native_password,caching_sha2_password,sha256_password,client_ed25519";
 
 bool look_up_end(void* handle) {
-    // Newer libraries know the function by both names, some only by the older one.
+    // Newer libraries have the function under both names, some only under the older one.
     using end_function = decltype(library.library_end);
     void* end = tarn::find_function(handle, "mysql_library_end");
     if (end == nullptr) end = tarn::find_function(handle, "mysql_server_end");
@@ -65,21 +67,15 @@ bool look_up_all(void* handle) {
            tarn::look_up(handle, "mysql_options", library.options) && look_up_end(handle);
 }
 
-/// The library takes 0 for "no limit".
 void set_timeout(st_mysql* connection, int option, int seconds) {
-    const auto number = static_cast<unsigned>(std::max(seconds, 1));
+    const auto number = static_cast<unsigned>(tarn::timeout_of(seconds).count());
     library.options(connection, option, &number);
 }
 
-/// The descriptor that the library's next socket gets: the lowest free one. Not every library can be asked.
+/// The descriptor that the library's next socket will get: the lowest free one. Not every library can be
+/// asked.
 int next_descriptor() {
     return tarn::unique_fd(::open("/dev/null", O_RDONLY | O_CLOEXEC)).get();
-}
-
-/// Twice a time-out: once for the first byte, once for all the rest.
-int twice(int seconds) {
-    constexpr int longest = 86400;
-    return 2 * std::clamp(seconds, 1, longest);
 }
 
 }  // namespace
@@ -96,6 +92,30 @@ void mysql_library_end_stub() {
 }
 
 namespace tarn {
+
+void load_mysql() {
+    if (config.mysql_on == 0) return;
+    std::printf("Mysql is on\n");
+    const std::string path(text_of(config.mysql_lib));
+    if (init_mysql_lib() != 0) {
+        std::printf("Mysql found and loaded = %s\n", path.c_str());
+        return;
+    }
+    std::printf("ERROR loading mysql = %s\n", path.c_str());
+    if (config.mysql_handle != nullptr) std::printf("Closing libmysql\n");
+    close_library(config.mysql_handle);
+}
+
+void close_mysql() {
+    if (!is_mysql_loaded()) return;
+    std::printf("Closing libmysql\n");
+    mysql_library_end_stub();
+    close_library(config.mysql_handle);
+}
+
+bool is_mysql_loaded() {
+    return config.mysql_handle != nullptr;
+}
 
 void mysql_closer::operator()(st_mysql* connection) const {
     library.close(connection);
@@ -117,7 +137,8 @@ mysql_connection mysql_prepare() {
 bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
     if (!connection) return false;
     connection.get_deleter().socket = next_descriptor();
-    const socket_deadline deadline(connection.get_deleter().socket, twice(config.mysql_connect_to));
+    // Twice the time-out: once for the first byte, once for all the rest.
+    const socket_deadline deadline(connection.get_deleter().socket, 2 * timeout_of(config.mysql_connect_to));
     return library.real_connect(connection.get(), address.host, address.user, address.password, nullptr,
                                 address.port, address.socket, 0) != nullptr;
 }
@@ -127,11 +148,11 @@ const char* mysql_error_text(const mysql_connection& connection) {
 }
 
 mysql_rows::mysql_rows(const mysql_connection& connection, const char* statement, unsigned columns) {
-    const socket_deadline deadline(connection.get_deleter().socket, twice(config.mysql_read_to));
+    const socket_deadline deadline(connection.get_deleter().socket, 2 * timeout_of(config.mysql_read_to));
     if (library.query(connection.get(), statement) != 0) return;
     st_mysql_res* const result = library.store_result(connection.get());
     if (result == nullptr) return;
-    // A library that does not count its columns says 0; no result that is stored has none.
+    // A library that does not count columns may return 0; a stored result has at least one.
     const unsigned fields = library.num_fields(result);
     if (fields != 0 && fields < columns) {
         library.free_result(result);

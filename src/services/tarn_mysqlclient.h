@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "record/tarn_operations.h"
+
 /// The MySQL client library, loaded at run time: its functions are reached through pointers, and its objects
 /// are never looked into.
 struct st_mysql;
@@ -15,6 +17,19 @@ int init_mysql_lib();
 void mysql_library_end_stub();
 
 namespace tarn {
+
+/// Loads the library when the configuration has a counter that needs it, and prints the outcome. A library
+/// that lacks a function counts as absent.
+void load_mysql();
+
+/// Ends and closes the library, if it is loaded.
+void close_mysql();
+
+bool is_mysql_loaded();
+
+/// An operation that does nothing and returns 0 while the library is not loaded.
+template <auto Operation>
+constexpr auto with_mysql = when_loaded<is_mysql_loaded, Operation>;
 
 struct mysql_closer {
     int socket = -1;  ///< descriptor of the connection
@@ -54,7 +69,7 @@ class mysql_rows final {
     mysql_rows(const mysql_rows&) = delete;
     mysql_rows& operator=(const mysql_rows&) = delete;
 
-    /// The next row, an array of texts in which a null stands for SQL's NULL; null behind the last.
+    /// The next row, an array of texts in which a null stands for SQL's NULL; null after the last.
     char** next();
 
   private:

@@ -8,7 +8,6 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "record/tarn_rates.h"
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
 #include "support/tarn_version.h"
@@ -16,28 +15,28 @@
 namespace {
 
 using data_nginx = tarn_mycustom_data_nginx;
+using enum tarn::rule;
+
+/// Reads "0 Writing: 1 Waiting: 2", the line after its first name.
+void read_connections(data_nginx& data, std::string_view value) {
+    tarn::scanner fields(value);
+    if (!fields.number(data.reading)) return;
+    if (!fields.literal("Writing:") || !fields.number(data.writing)) return;
+    if (fields.literal("Waiting:")) fields.number(data.keepalive);
+}
+
+constexpr auto figures = tarn::figures_of<data_nginx>({
+    tarn::reported<&data_nginx::ok>("ok"),
+    tarn::reported<&data_nginx::all, increase>("rps"),
+    tarn::number<&data_nginx::active>("Active connections:", "active"),
+    tarn::read_by<&data_nginx::reading, read_connections>("Reading:", "reading"),
+    tarn::reported<&data_nginx::writing>("writing"),
+    tarn::reported<&data_nginx::keepalive>("keepalive"),
+});
 
 constexpr std::string_view totals_title = "server accepts handled requests";
 
-/// "Reading: 0 Writing: 1 Waiting: 2", from behind the first name.
-void as_connections(data_nginx& data, std::string_view value) {
-    tarn::scanner fields(value);
-    if (!fields.number(data.reading)) return;
-    for (const auto& [name, member] :
-         {std::pair("Writing:", &data_nginx::writing), std::pair("Waiting:", &data_nginx::keepalive)}) {
-        if (!fields.literal(name) || !fields.number(data.*member)) return;
-    }
-}
-
-constexpr tarn::reply_row<data_nginx> page_rows[] = {
-    {"Active connections:", tarn::as_number<&data_nginx::active>}, {"Reading:", as_connections}};
-
-constexpr tarn::bson_row<data_nginx> rows[] = {
-    {"ok", tarn::as_int64<&data_nginx::ok>},           {"rps", tarn::as_double<&data_nginx::all>},
-    {"active", tarn::as_int64<&data_nginx::active>},   {"reading", tarn::as_int64<&data_nginx::reading>},
-    {"writing", tarn::as_int64<&data_nginx::writing>}, {"keepalive", tarn::as_int64<&data_nginx::keepalive>}};
-
-/// The third of the three totals: connections accepted and handled are passed over.
+/// Reads the third of the three totals; connections accepted and handled are skipped.
 void read_totals(std::string_view line, data_nginx& data) {
     tarn::scanner fields(line);
     int unused = 0;
@@ -47,7 +46,7 @@ void read_totals(std::string_view line, data_nginx& data) {
     }
 }
 
-/// "ID [USER:PASSWORD@]HOST:PORT/PATH SERVER". Every "/" separates, so that the path is a single segment.
+/// "ID [USER:PASSWORD@]HOST:PORT/PATH SERVER". Every "/" separates, so the path is a single segment.
 void nginx_parse_conf(tarn_mycustom_counter& counter, data_nginx& data) {
     tarn::service_conf conf(counter, "@:/");
     conf.word(counter.id);
@@ -59,20 +58,13 @@ void nginx_parse_conf(tarn_mycustom_counter& counter, data_nginx& data) {
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
 }
 
-/// Two blanks before the version, none behind "Host:", and credentials even when there are none.
-std::string request_of(const data_nginx& data) {
-    std::string request = "GET /";
-    request.append(data.request_uri).append("  HTTP/1.1\r\nHost:").append(data.server);
-    request.append("\r\nUser-Agent: tarn-client ").append(tarn_version);
-    request.append("\r\nAuthorization: Basic ").append(data.auth64).append("\r\n\r\n");
-    return request;
-}
-
-bool sample(data_nginx& data) {
-    const auto host = tarn::service_host("nginx", data.in_docker, data.docker_container_name, data.host);
-    if (!host) return false;
-    const auto page = tarn::fetch_status_page("nginx", *host, static_cast<int>(data.port), request_of(data));
-    return page && nginx_parse_res(*page, data) != 0;
+int nginx_init(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_records<data_nginx>(counter, "Nginx");
+    nginx_parse_conf(counter, data);
+    tarn::set_credentials_if_any(data.auth64, data.user, data.pass);
+    std::printf("Nginx %s init with %s %s %s %d %s %s\n", counter.id, data.user, "***", data.host,
+                static_cast<int>(data.port), data.request_uri, data.auth64);
+    return 1;
 }
 
 }  // namespace
@@ -89,40 +81,34 @@ int nginx_parse_res(std::string_view raw, tarn_mycustom_data_nginx& data) {
             totals_follow = false;
         } else {
             totals_follow = line.starts_with(totals_title);
-            tarn::store_line(line, page_rows, data);
+            tarn::store_by_prefix(line, figures, data);
         }
     }
     return 1;
 }
 
-int nginx_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_nginx>(counter);
-    tarn::copy_text(counter.report, "Nginx");
-    auto& data = tarn::data_of<data_nginx>(counter);
-    nginx_parse_conf(counter, data);
-    tarn::set_credentials_if_any(data.auth64, data.user, data.pass);
-    std::printf("Nginx %s init with %s %s %s %d %s %s\n", counter.id, data.user, "***", data.host,
-                static_cast<int>(data.port), data.request_uri, data.auth64);
-    return 1;
+namespace {
+
+/// Two blanks before the version, none after "Host:", and an Authorization header even without credentials.
+std::string request_of(const data_nginx& data) {
+    std::string request = "GET /";
+    request.append(data.request_uri).append("  HTTP/1.1\r\nHost:").append(data.server);
+    request.append("\r\nUser-Agent: tarn-client ").append(tarn_version);
+    request.append("\r\nAuthorization: Basic ").append(data.auth64).append("\r\n\r\n");
+    return request;
 }
 
-int nginx_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_nginx>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    if (data.ok == 0) std::printf("NGINX ERRRR :\n");
-    return data.ok;
+bool fetch_status(data_nginx& data) {
+    const auto host = tarn::service_host("nginx", data.in_docker, data.docker_container_name, data.host);
+    if (!host) return false;
+    const auto page = tarn::fetch_status_page("nginx", *host, static_cast<int>(data.port), request_of(data));
+    return page && nginx_parse_res(*page, data) != 0;
 }
 
-int nginx_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
-    const auto rate = [interval](const data_nginx& data, const data_nginx& prev, data_nginx& delta) {
-        delta.all = tarn::increase_per_second(data.all, prev.all, interval);
-    };
-    return tarn::delta_scheme<data_nginx>(counter, iteration, rate);
-}
-
-int nginx_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return tarn::append_labelled(counter, document, rows);
+bool nginx_update(data_nginx& data) {
+    const bool fetched = fetch_status(data);
+    if (!fetched) std::printf("NGINX ERRRR :\n");
+    return fetched;
 }
 
 int nginx_dump(tarn_mycustom_counter& counter) {
@@ -136,7 +122,13 @@ int nginx_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int nginx_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_nginx>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations nginx_operations = {
+    .init = nginx_init,
+    .update = tarn::sampled<nginx_update>,
+    .delta = tarn::delta_by_rules<figures>,
+    .tobson = tarn::append_labelled<figures>,
+    .dump = nginx_dump,
+    .free = tarn::free_records<data_nginx>,
+};

@@ -27,9 +27,4 @@ struct tarn_mycustom_data_nginx {
 /// else 1.
 int nginx_parse_res(std::string_view raw, tarn_mycustom_data_nginx& data);
 
-int nginx_init(tarn_mycustom_counter& counter);
-int nginx_update(tarn_mycustom_counter& counter);
-int nginx_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int nginx_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int nginx_dump(tarn_mycustom_counter& counter);
-int nginx_free(tarn_mycustom_counter& counter);
+extern const tarn_operations nginx_operations;

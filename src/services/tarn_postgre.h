@@ -38,10 +38,4 @@ struct tarn_mycustom_data_postgre {
 std::string get_query_str(std::string_view slow_query_sec);
 std::string get_query_str_old(std::string_view slow_query_sec);
 
-int postgre_init(tarn_mycustom_counter& counter);
-int postgre_reinit(tarn_mycustom_counter& counter);
-int postgre_update(tarn_mycustom_counter& counter);
-int postgre_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int postgre_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int postgre_dump(tarn_mycustom_counter& counter);
-int postgre_free(tarn_mycustom_counter& counter);
+extern const tarn_operations postgre_operations;

@@ -1,14 +1,15 @@
+// libpq, reached through the twelve functions that are looked up in it and two that need not be there.
 #include "services/tarn_postgreclient.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "record/tarn_config.h"
+#include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
@@ -97,7 +98,7 @@ class quiet_errors final {
 int init_postgre_lib() {
     const std::string path(tarn::text_of(config.postgre_lib));
     std::printf("libpq: %s\n", path.c_str());
-    set_default("PGCONNECT_TIMEOUT", std::to_string(std::max(config.counter_tcp_to, 1)).c_str());
+    set_default("PGCONNECT_TIMEOUT", std::to_string(tarn::timeout_of(config.counter_tcp_to).count()).c_str());
     // Kerberos would open a credential cache in /tmp, where any local user may have put a pipe.
     set_default("PGGSSENCMODE", "disable");
     set_default("KRB5CCNAME", "MEMORY:");
@@ -106,6 +107,29 @@ int init_postgre_lib() {
 }
 
 namespace tarn {
+
+void load_postgre() {
+    if (config.postgre_on == 0) return;
+    std::printf("Postrgre is on\n");
+    const std::string path(text_of(config.postgre_lib));
+    if (init_postgre_lib() != 0) {
+        std::printf("Postgre found and loaded = %s\n", path.c_str());
+        return;
+    }
+    std::printf("Error loading postgre = %s\n", path.c_str());
+    if (config.postgre_handle != nullptr) std::printf("Closing libpostgre\n");
+    close_library(config.postgre_handle);
+}
+
+void close_postgre() {
+    if (!is_postgre_loaded()) return;
+    std::printf("Closing libpq\n");
+    close_library(config.postgre_handle);
+}
+
+bool is_postgre_loaded() {
+    return config.postgre_handle != nullptr;
+}
 
 void postgre_finisher::operator()(pg_conn* connection) const {
     library.finish(connection);
@@ -159,10 +183,6 @@ std::string_view postgre_answer::name(int column) const {
 std::string_view postgre_answer::text(int row, int column) const {
     const bool is_there = row < rows() && column < columns();
     return is_there ? view_of(library.getvalue(result_, row, column)) : std::string_view();
-}
-
-std::uint64_t postgre_answer::number(int row, int column) const {
-    return static_cast<std::uint64_t>(to_number<std::int64_t>(text(row, column)));
 }
 
 }  // namespace tarn

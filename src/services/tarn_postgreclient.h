@@ -4,6 +4,8 @@
 #include <optional>
 #include <string_view>
 
+#include "record/tarn_operations.h"
+
 /// libpq, loaded at run time: its functions are reached through pointers, and its objects are never looked
 /// into.
 struct pg_conn;
@@ -15,6 +17,19 @@ struct pg_result;
 int init_postgre_lib();
 
 namespace tarn {
+
+/// Loads the library when the configuration has a counter that needs it, and prints the outcome. A library
+/// that lacks a function counts as absent.
+void load_postgre();
+
+/// Closes the library, if it is loaded.
+void close_postgre();
+
+bool is_postgre_loaded();
+
+/// An operation that does nothing and returns 0 while the library is not loaded.
+template <auto Operation>
+constexpr auto with_postgre = when_loaded<is_postgre_loaded, Operation>;
 
 struct postgre_finisher {
     void operator()(pg_conn* connection) const;
@@ -51,9 +66,6 @@ class postgre_answer final {
 
     /// The text of a field; empty when there is no such field.
     [[nodiscard]] std::string_view text(int row, int column) const;
-
-    /// The field as a decimal number; 0 when it is none.
-    [[nodiscard]] std::uint64_t number(int row, int column) const;
 
   private:
     pg_result* result_;

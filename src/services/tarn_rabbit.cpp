@@ -1,11 +1,10 @@
-// Read from a RabbitMQ broker: "/api/nodes", an array of objects of which the first is taken, and
+// Read from a RabbitMQ broker: "/api/nodes", an array of objects of which the first is used, and
 // "/api/queues", an array of objects with a number of messages each.
 #include "services/tarn_rabbit.h"
 
 #include <cinttypes>
 #include <cstdio>
 
-#include "record/tarn_rates.h"
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
 #include "support/tarn_json.h"
@@ -13,32 +12,27 @@
 namespace {
 
 using data_rabbit = tarn_mycustom_data_rabbit;
+using enum tarn::rule;
 
-constexpr double giga = 1e9;
-constexpr double mega = 1e6;
-
-constexpr tarn::bson_row<data_rabbit> rows[] = {
-    {"ok", tarn::as_int64<&data_rabbit::ok>},
-    {"running", tarn::as_int64<&data_rabbit::running>},
-    {"processors", tarn::as_int64<&data_rabbit::processors>},
-    {"fd_used", tarn::as_int64<&data_rabbit::fd_used>},
-    {"fd_total", tarn::as_int64<&data_rabbit::fd_total>},
-    {"disk_free", tarn::as_double<&data_rabbit::disk_free>},
-    {"disk_free_limit", tarn::as_double<&data_rabbit::disk_free_limit>},
-    {"disk_left", tarn::as_double<&data_rabbit::disk_left>},
-    {"mem_used", tarn::as_double<&data_rabbit::mem_used>},
-    {"mem_limit", tarn::as_double<&data_rabbit::mem_limit>},
-    {"mem_left", tarn::as_double<&data_rabbit::mem_left>},
-    {"mem_used_perc", tarn::as_double<&data_rabbit::mem_used_perc>},
-    {"proc_used_perc", tarn::as_double<&data_rabbit::proc_used_perc>},
-    {"proc_used", tarn::as_double<&data_rabbit::proc_used>},
-    {"proc_total", tarn::as_double<&data_rabbit::proc_total>},
-    {"queues_sum_len", tarn::as_int64<&data_rabbit::queues_sum_len>},
-    {"queues_count", tarn::as_int64<&data_rabbit::queues_count>}};
-
-double percent(double part, double whole) {
-    return whole == 0 ? 0.0 : part * 100 / whole;
-}
+constexpr auto figures = tarn::figures_of<data_rabbit>({
+    tarn::reported<&data_rabbit::ok>("ok"),
+    tarn::reported<&data_rabbit::running>("running"),
+    tarn::reported<&data_rabbit::processors>("processors"),
+    tarn::reported<&data_rabbit::fd_used>("fd_used"),
+    tarn::reported<&data_rabbit::fd_total>("fd_total"),
+    tarn::reported<&data_rabbit::disk_free>("disk_free"),
+    tarn::reported<&data_rabbit::disk_free_limit>("disk_free_limit"),
+    tarn::reported<&data_rabbit::disk_left>("disk_left"),
+    tarn::reported<&data_rabbit::mem_used>("mem_used"),
+    tarn::reported<&data_rabbit::mem_limit>("mem_limit"),
+    tarn::reported<&data_rabbit::mem_left>("mem_left"),
+    tarn::reported<&data_rabbit::mem_used_perc>("mem_used_perc"),
+    tarn::reported<&data_rabbit::proc_used_perc>("proc_used_perc"),
+    tarn::reported<&data_rabbit::proc_used, as_read, tarn::bson::dbl>("proc_used"),
+    tarn::reported<&data_rabbit::proc_total, as_read, tarn::bson::dbl>("proc_total"),
+    tarn::reported<&data_rabbit::queues_sum_len>("queues_sum_len"),
+    tarn::reported<&data_rabbit::queues_count>("queues_count"),
+});
 
 /// "ID USER:PASSWORD@HOST:PORT".
 void rabbit_parse_conf(tarn_mycustom_counter& counter, data_rabbit& data) {
@@ -50,7 +44,21 @@ void rabbit_parse_conf(tarn_mycustom_counter& counter, data_rabbit& data) {
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
 }
 
-/// A first node that is none: zeros for everything.
+int rabbit_init(tarn_mycustom_counter& counter) {
+    auto& data = tarn::allocate_records<data_rabbit>(counter, "Rabbit");
+    rabbit_parse_conf(counter, data);
+    tarn::set_credentials(data.auth64, data.user, data.pass);
+    return 1;
+}
+
+constexpr double giga = 1e9;
+constexpr double mega = 1e6;
+
+double percent(double part, double whole) {
+    return whole == 0 ? 0.0 : part * 100 / whole;
+}
+
+/// No usable first node: every figure is 0.
 void clear_node(data_rabbit& data) {
     data.fd_used = data.fd_total = 0;
     data.processors = data.proc_total = data.proc_used = 0;
@@ -81,29 +89,6 @@ void read_node(const nx_json& node, data_rabbit& data) {
     data.running = json_get_bool_by_path(node, "running");
 }
 
-std::string tarn_rabbit_construct_api_request(std::string_view path, std::string_view host,
-                                              std::uint32_t port, std::string_view auth64) {
-    std::string request = "GET ";
-    request.append(path).append(" HTTP/1.1\r\nAuthorization: Basic ").append(auth64).append("\r\nHost: ");
-    request.append(host).append(":").append(std::to_string(static_cast<int>(port))).append("\r\n\r\n");
-    return request;
-}
-
-bool sample(data_rabbit& data) {
-    const auto host = tarn::service_host("rabbit", data.in_docker, data.docker_container_name, data.host);
-    if (!host) return false;
-    const tarn::unique_fd socket = tarn::connect_http("rabbit", *host, static_cast<int>(data.port));
-    if (!socket) return false;
-    const auto body_of = [&](std::string_view path) {
-        return tarn::fetch_body("rabbit", socket,
-                                tarn_rabbit_construct_api_request(path, *host, data.port, data.auth64));
-    };
-    auto nodes = body_of("/api/nodes");
-    if (!nodes || rabbit_parse_node_items(std::move(*nodes), data) == 0) return false;
-    auto queues = body_of("/api/queues");
-    return queues && rabbit_parse_queues_items(std::move(*queues), data) != 0;
-}
-
 }  // namespace
 
 int rabbit_parse_node_items(std::string body, tarn_mycustom_data_rabbit& data) {
@@ -130,33 +115,37 @@ int rabbit_parse_queues_items(std::string body, tarn_mycustom_data_rabbit& data)
     return 1;
 }
 
-int rabbit_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_rabbit>(counter);
-    tarn::copy_text(counter.report, "Rabbit");
-    auto& data = tarn::data_of<data_rabbit>(counter);
-    rabbit_parse_conf(counter, data);
-    tarn::set_credentials(data.auth64, data.user, data.pass);
-    return 1;
+namespace {
+
+std::string tarn_rabbit_construct_api_request(std::string_view path, std::string_view host,
+                                              std::uint32_t port, std::string_view auth64) {
+    std::string request = "GET ";
+    request.append(path).append(" HTTP/1.1\r\nAuthorization: Basic ").append(auth64).append("\r\nHost: ");
+    request.append(host).append(":").append(std::to_string(static_cast<int>(port))).append("\r\n\r\n");
+    return request;
 }
 
-int rabbit_reinit(tarn_mycustom_counter& /*counter*/) {
-    return 1;
+/// Both requests go over one connection.
+bool fetch_figures(data_rabbit& data) {
+    const auto host = tarn::service_host("rabbit", data.in_docker, data.docker_container_name, data.host);
+    if (!host) return false;
+    const tarn::stream connection = tarn::connect_http("rabbit", *host, static_cast<int>(data.port));
+    if (!connection) return false;
+    const auto body_of = [&](std::string_view path) {
+        return tarn::fetch_body("rabbit", connection,
+                                tarn_rabbit_construct_api_request(path, *host, data.port, data.auth64),
+                                tarn::answer_deadline(tarn::body_timeouts));
+    };
+    auto nodes = body_of("/api/nodes");
+    if (!nodes || rabbit_parse_node_items(std::move(*nodes), data) == 0) return false;
+    auto queues = body_of("/api/queues");
+    return queues && rabbit_parse_queues_items(std::move(*queues), data) != 0;
 }
 
-int rabbit_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_rabbit>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    if (data.ok == 0) std::printf("rabbit error\n");
-    return data.ok;
-}
-
-int rabbit_delta(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, std::uint64_t /*iteration*/) {
-    return tarn::delta_absolute<data_rabbit>(counter);
-}
-
-int rabbit_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return tarn::append_labelled(counter, document, rows);
+bool rabbit_update(data_rabbit& data) {
+    const bool fetched = fetch_figures(data);
+    if (!fetched) std::printf("rabbit error\n");
+    return fetched;
 }
 
 int rabbit_dump(tarn_mycustom_counter& counter) {
@@ -182,7 +171,14 @@ int rabbit_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int rabbit_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_rabbit>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations rabbit_operations = {
+    .init = rabbit_init,
+    .reinit = tarn::reinit_nothing,
+    .update = tarn::sampled<rabbit_update>,
+    .delta = tarn::delta_as_read<data_rabbit>,
+    .tobson = tarn::append_labelled<figures>,
+    .dump = rabbit_dump,
+    .free = tarn::free_records<data_rabbit>,
+};

@@ -40,10 +40,4 @@ int rabbit_parse_node_items(std::string body, tarn_mycustom_data_rabbit& data);
 /// Reads the body of "/api/queues"; 0 when it is no array, else 1.
 int rabbit_parse_queues_items(std::string body, tarn_mycustom_data_rabbit& data);
 
-int rabbit_init(tarn_mycustom_counter& counter);
-int rabbit_reinit(tarn_mycustom_counter& counter);
-int rabbit_update(tarn_mycustom_counter& counter);
-int rabbit_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int rabbit_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int rabbit_dump(tarn_mycustom_counter& counter);
-int rabbit_free(tarn_mycustom_counter& counter);
+extern const tarn_operations rabbit_operations;

@@ -1,85 +1,67 @@
 // Read from a Redis server: the reply to the inline command "info", lines "name:value". Only what one read of
-// 4096 bytes brings is looked at; newer servers say more, and what lies beyond (replication and key counts)
-// keeps its earlier value.
+// 4096 bytes brings is parsed; newer servers send more, and figures beyond it (replication and key counts)
+// keep their earlier values.
 #include "services/tarn_redis.h"
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 
-#include "record/tarn_rates.h"
 #include "services/tarn_service.h"
 
 namespace {
 
 using data_redis = tarn_mycustom_data_redis;
 
-constexpr std::size_t reply_size = 4096;
-
-/// 1 when the word behind the name begins as expected, else 0.
+/// 1 when the first word of the value begins as expected, else 0.
 std::uint32_t flag(std::string_view value, std::string_view expected) {
     return tarn::scanner(value).word().starts_with(expected) ? 1 : 0;
 }
 
-void as_saved(data_redis& data, std::string_view value) {
+void read_saved(data_redis& data, std::string_view value) {
     data.rdb_last_bgsave_status = flag(value, "ok");
 }
 
-void as_link(data_redis& data, std::string_view value) {
+void read_link(data_redis& data, std::string_view value) {
     data.master_link_status = flag(value, "up");
 }
 
-void as_role(data_redis& data, std::string_view value) {
-    tarn::copy_text(data.replica_role, tarn::scanner(value).word());
+void read_role(data_redis& data, std::string_view value) {
+    tarn::copy_terminated(data.replica_role, tarn::scanner(value).word());
 }
 
-constexpr tarn::reply_row<data_redis> info_rows[] = {
-    {"uptime_in_seconds:", tarn::as_number<&data_redis::uptime>},
-    {"connected_clients:", tarn::as_number<&data_redis::connected_clients>},
-    {"total_connections_received:", tarn::as_number<&data_redis::total_connections_received>},
-    {"total_commands_processed:", tarn::as_number<&data_redis::total_commands_processed>},
-    {"keyspace_hits:", tarn::as_number<&data_redis::keyspace_hits>},
-    {"keyspace_misses:", tarn::as_number<&data_redis::keyspace_misses>},
-    {"expired_keys:", tarn::as_number<&data_redis::expired_keys>},
-    {"evicted_keys:", tarn::as_number<&data_redis::evicted_keys>},
-    {"rdb_last_bgsave_status:", as_saved},
-    {"used_memory:", tarn::as_number<&data_redis::used_memory>},
-    {"role:", as_role},
-    {"master_link_status:", as_link},
-    {"connected_slaves:", tarn::as_number<&data_redis::connected_slaves>},
-    {"master_sync_in_progress:", tarn::as_number<&data_redis::master_sync_in_progress>},
-    {"master_sync_left_bytes:", tarn::as_number<&data_redis::master_sync_left_bytes>},
-    {"db0:keys=", tarn::as_number<&data_redis::num_of_keys>}};
-
-constexpr std::uint32_t data_redis::*rated[] = {&data_redis::total_connections_received,
-                                                &data_redis::total_commands_processed,
-                                                &data_redis::keyspace_hits,
-                                                &data_redis::keyspace_misses,
-                                                &data_redis::expired_keys,
-                                                &data_redis::evicted_keys};
-
-void as_link_of_a_replica(bson_t& document, const char* key, const data_redis& data) {
-    if (!tarn::text_of(data.replica_role).starts_with("slave")) return;
-    tarn::as_int64<&data_redis::master_link_status>(document, key, data);
+void append_link_of_replica(bson_t& document, std::string_view key, const data_redis& data) {
+    const bool is_replica = tarn::text_of(data.replica_role).starts_with("slave");
+    if (is_replica) tarn::append_int64(document, key, data.master_link_status);
 }
 
-constexpr tarn::bson_row<data_redis> rows[] = {
-    {"ok", tarn::as_int64<&data_redis::ok>},
-    {"status", tarn::as_int64<&data_redis::status>},
-    {"uptime", tarn::as_int64<&data_redis::uptime>},
-    {"connected_clients", tarn::as_int64<&data_redis::connected_clients>},
-    {"total_connections_received", tarn::as_int64<&data_redis::total_connections_received>},
-    {"total_commands_processed", tarn::as_int64<&data_redis::total_commands_processed>},
-    {"keyspace_hits", tarn::as_int64<&data_redis::keyspace_hits>},
-    {"keyspace_misses", tarn::as_int64<&data_redis::keyspace_misses>},
-    {"expired_keys", tarn::as_int64<&data_redis::expired_keys>},
-    {"evicted_keys", tarn::as_int64<&data_redis::evicted_keys>},
-    {"connected_slaves", tarn::as_int64<&data_redis::connected_slaves>},
-    {"master_link_status", as_link_of_a_replica},
-    {"master_sync_left_bytes", tarn::as_int64<&data_redis::master_sync_left_bytes>},
-    {"rdb_last_bgsave_status", tarn::as_int64<&data_redis::rdb_last_bgsave_status>},
-    {"memused", tarn::as_int64<&data_redis::used_memory>},
-    {"keys", tarn::as_int64<&data_redis::num_of_keys>}};
+using enum tarn::rule;
+
+constexpr auto figures = tarn::figures_of<data_redis>({
+    tarn::reported<&data_redis::ok>("ok"),
+    tarn::reported<&data_redis::status>("status"),
+    tarn::number<&data_redis::uptime>("uptime_in_seconds:", "uptime"),
+    tarn::number<&data_redis::connected_clients>("connected_clients:", "connected_clients"),
+    tarn::number<&data_redis::total_connections_received, per_minute>("total_connections_received:",
+                                                                      "total_connections_received"),
+    tarn::number<&data_redis::total_commands_processed, per_minute>("total_commands_processed:",
+                                                                    "total_commands_processed"),
+    tarn::number<&data_redis::keyspace_hits, per_minute>("keyspace_hits:", "keyspace_hits"),
+    tarn::number<&data_redis::keyspace_misses, per_minute>("keyspace_misses:", "keyspace_misses"),
+    tarn::number<&data_redis::expired_keys, per_minute>("expired_keys:", "expired_keys"),
+    tarn::number<&data_redis::evicted_keys, per_minute>("evicted_keys:", "evicted_keys"),
+    tarn::number<&data_redis::connected_slaves>("connected_slaves:", "connected_slaves"),
+    tarn::appended_by(append_link_of_replica, tarn::read_by<&data_redis::master_link_status, read_link>(
+                                                  "master_link_status:", "master_link_status")),
+    tarn::number<&data_redis::master_sync_left_bytes>("master_sync_left_bytes:", "master_sync_left_bytes"),
+    tarn::read_by<&data_redis::rdb_last_bgsave_status, read_saved>("rdb_last_bgsave_status:",
+                                                                   "rdb_last_bgsave_status"),
+    tarn::number<&data_redis::used_memory>("used_memory:", "memused"),
+    tarn::number<&data_redis::num_of_keys>("db0:keys=", "keys"),
+    // Not reported.
+    tarn::number<&data_redis::master_sync_in_progress>("master_sync_in_progress:"),
+    tarn::read_by<&data_redis::replica_role, read_role>("role:"),
+});
 
 /// "ID USER:PASSWORD@HOST:PORT"; the user is a placeholder.
 void redis_parse_conf(tarn_mycustom_counter& counter, data_redis& data) {
@@ -91,74 +73,61 @@ void redis_parse_conf(tarn_mycustom_counter& counter, data_redis& data) {
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
 }
 
-/// Without a socket of any kind the agent cannot go on.
+}  // namespace
+
+void redis_parse_info(std::string_view reply, tarn_mycustom_data_redis& data) {
+    for (auto line = tarn::next_token(reply, "\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
+        tarn::store_by_prefix(line, figures, data);
+    }
+}
+
+namespace {
+
+int redis_init(tarn_mycustom_counter& counter) {
+    redis_parse_conf(counter, tarn::allocate_records<data_redis>(counter, "Redis"));
+    return 0;
+}
+
+/// The agent cannot go on when it cannot make sockets at all.
 [[noreturn]] void DieWithError(const char* message) {
     std::fprintf(stderr, "%s\n", message);
     std::exit(EXIT_FAILURE);
 }
 
-tarn::unique_fd connect_redis(data_redis& data) {
+tarn::stream connect_redis(data_redis& data) {
     const auto host = tarn::service_host("redis", data.in_docker, data.docker_container_name, data.host);
     if (!host) return {};
     tarn::stream connection = tarn::connect_service(*host, static_cast<int>(data.port));
     if (connection.failed == tarn::stream_step::socket) DieWithError("socket() error!");
     if (connection.failed == tarn::stream_step::timeouts) std::printf("setsockopt failed\n");
     if (connection.failed == tarn::stream_step::connect) data.status = 0;
-    if (connection.socket) data.status = 1;
-    return std::move(connection.socket);
+    if (connection) data.status = 1;
+    return connection;
 }
 
-/// Sends the password, if there is one, which the message shows as it goes out.
-bool log_in(const tarn::unique_fd& socket, const data_redis& data) {
+constexpr std::size_t reply_size = 4096;
+
+/// Sends the password, if there is one. The message shows the command as it is sent.
+bool log_in(const tarn::stream& connection, const data_redis& data) {
     if (data.pass[0] == '\0') return true;
     const std::string command = std::string("AUTH ") + data.pass + "\r\n";
     std::printf("[INFO] redis auth with %s\n", command.c_str());
     std::array<char, reply_size> buffer;
-    const auto reply = tarn::ask_once(socket, command, buffer);
+    const auto reply = tarn::ask_once(connection, command, buffer);
     if (!reply) return false;
     if (reply->starts_with("+OK")) return true;
     std::printf("[WARN] redis auth failed %.*s\n", static_cast<int>(reply->size()), reply->data());
     return false;
 }
 
-bool sample(data_redis& data) {
-    const tarn::unique_fd socket = connect_redis(data);
-    if (!socket || !log_in(socket, data)) return false;
+bool redis_update(data_redis& data) {
+    const tarn::stream connection = connect_redis(data);
+    if (!connection || !log_in(connection, data)) return false;
     std::array<char, reply_size> buffer;
-    const auto reply = tarn::ask_once(socket, "info\r\n", buffer);
+    const auto reply = tarn::ask_once(connection, "info\r\n", buffer);
     if (!reply) return false;
     redis_parse_info(*reply, data);
     return true;
-}
-
-}  // namespace
-
-void redis_parse_info(std::string_view reply, tarn_mycustom_data_redis& data) {
-    for (auto line = tarn::next_token(reply, "\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
-        tarn::store_line(line, info_rows, data);
-    }
-}
-
-int redis_init(tarn_mycustom_counter& counter) {
-    tarn::allocate_records<data_redis>(counter);
-    tarn::copy_text(counter.report, "Redis");
-    redis_parse_conf(counter, tarn::data_of<data_redis>(counter));
-    return 0;
-}
-
-int redis_update(tarn_mycustom_counter& counter) {
-    auto& data = tarn::data_of<data_redis>(counter);
-    data.ok = 0;
-    data.ok = sample(data) ? 1 : 0;
-    return data.ok;
-}
-
-int redis_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration) {
-    return tarn::delta_per_minute(counter, interval, iteration, rated);
-}
-
-int redis_tobson(tarn_mycustom_counter& counter, bson_t& document) {
-    return tarn::append_service(counter, document, rows);
 }
 
 int redis_dump(tarn_mycustom_counter& counter) {
@@ -189,7 +158,13 @@ int redis_dump(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-int redis_free(tarn_mycustom_counter& counter) {
-    tarn::release_records<data_redis>(counter);
-    return 1;
-}
+}  // namespace
+
+const tarn_operations redis_operations = {
+    .init = redis_init,
+    .update = tarn::sampled<redis_update>,
+    .delta = tarn::delta_by_rules<figures>,
+    .tobson = tarn::append_by_id<figures>,
+    .dump = redis_dump,
+    .free = tarn::free_records<data_redis>,
+};

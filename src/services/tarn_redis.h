@@ -29,7 +29,7 @@ struct tarn_mycustom_data_redis {
     std::uint32_t keyspace_misses;             ///< rate
     std::uint32_t expired_keys;                ///< rate
     std::uint32_t evicted_keys;                ///< rate
-    std::uint32_t rdb_last_bgsave_status;      ///< 1 when the last background save went well
+    std::uint32_t rdb_last_bgsave_status;      ///< 1 when the last background save succeeded
     std::uint32_t used_memory;                 ///< bytes, modulo 2^32
     std::uint32_t num_of_keys;                 ///< keys of database 0
 };
@@ -37,9 +37,4 @@ struct tarn_mycustom_data_redis {
 /// Reads the reply to "info" into the record.
 void redis_parse_info(std::string_view reply, tarn_mycustom_data_redis& data);
 
-int redis_init(tarn_mycustom_counter& counter);
-int redis_update(tarn_mycustom_counter& counter);
-int redis_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int redis_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int redis_dump(tarn_mycustom_counter& counter);
-int redis_free(tarn_mycustom_counter& counter);
+extern const tarn_operations redis_operations;

@@ -9,15 +9,15 @@ namespace tarn {
 
 service_conf::service_conf(const tarn_mycustom_counter& counter, std::string_view separators)
     : text_(text_of(counter.cfg_string)) {
-    bool behind_colon = false;
+    bool after_colon = false;
     for (char& c : text_) {
         if (separators.find(c) == std::string_view::npos) {
-            behind_colon = false;
+            after_colon = false;
             continue;
         }
         has_login_ = has_login_ || c == '@';
-        empty_password_ = empty_password_ || (behind_colon && c != ':');
-        behind_colon = behind_colon || c == ':';
+        empty_password_ = empty_password_ || (after_colon && c != ':');
+        after_colon = after_colon || c == ':';
         c = ' ';
     }
     words_ = scanner(text_);
@@ -25,13 +25,13 @@ service_conf::service_conf(const tarn_mycustom_counter& counter, std::string_vie
 
 int service_conf::number() {
     int value = 0;
-    // As with scanf, nothing is read behind a field that is not what it should be.
+    // As with scanf, nothing is read after a field that does not match.
     if (!words_.number(value)) words_ = scanner({});
     return value;
 }
 
 int read_container(std::string_view host, char (&name)[128]) {
-    copy_text(name, host.starts_with('[') ? host.substr(1, host.find(']') - 1) : std::string_view());
+    copy_terminated(name, host.starts_with('[') ? host.substr(1, host.find(']') - 1) : std::string_view());
     return name[0] != '\0' ? 1 : 0;
 }
 
@@ -45,24 +45,29 @@ std::optional<std::string> service_host(const char* kind, int in_docker, std::st
 }
 
 stream connect_service(std::string_view host, int port) {
-    return connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port, config.counter_tcp_to);
+    return connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port,
+                       timeout_of(config.counter_tcp_to));
 }
 
-std::optional<std::string_view> read_reply(const unique_fd& socket, std::span<char> buffer) {
-    const ssize_t got = receive_once(socket, buffer);
+stream connect_service_path(std::string_view path) {
+    return connect_unix(path, timeout_of(config.counter_tcp_to));
+}
+
+deadline answer_deadline(int timeouts) {
+    return deadline(timeouts * timeout_of(config.counter_tcp_to));
+}
+
+std::optional<std::string_view> read_reply(const stream& connection, std::span<char> buffer) {
+    const ssize_t got = receive_once(connection, buffer);
     if (got < 0) return std::nullopt;
     const std::string_view reply(buffer.data(), static_cast<std::size_t>(got));
     return reply.substr(0, reply.find('\0'));
 }
 
-std::optional<std::string_view> ask_once(const unique_fd& socket, std::string_view request,
+std::optional<std::string_view> ask_once(const stream& connection, std::string_view request,
                                          std::span<char> buffer) {
-    if (send_once(socket, request) < 0) return std::nullopt;
-    return read_reply(socket, buffer);
-}
-
-std::string labelled_key(const tarn_mycustom_counter& counter) {
-    return std::string(counter.report) + "_" + counter.id;
+    if (send_once(connection, request) < 0) return std::nullopt;
+    return read_reply(connection, buffer);
 }
 
 }  // namespace tarn

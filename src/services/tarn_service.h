@@ -6,17 +6,18 @@
 #include <string_view>
 
 #include "record/tarn_counter.h"
+#include "record/tarn_figures.h"
+#include "record/tarn_operations.h"
 #include "record/tarn_records.h"
-#include "support/tarn_bson_append.h"
+#include "support/tarn_deadline.h"
 #include "support/tarn_streams.h"
 #include "support/tarn_text.h"
 
-/// What the service clients share: the reading of their configuration text, the way to their server, reply
-/// tables, and the frame of their sub-documents.
+/// What the service clients share: the reading of their configuration text and the way to their server.
 namespace tarn {
 
 /// The configuration text of a service, "id user:password@host:port ...", read word by word with its
-/// separators turned into blanks.
+/// separators replaced by blanks.
 class service_conf final {
   public:
     service_conf(const tarn_mycustom_counter& counter, std::string_view separators);
@@ -30,7 +31,7 @@ class service_conf final {
     /// Reads the next word into a field, cut to it; an empty text when there is none.
     template <std::size_t Size>
     void word(char (&field)[Size]) {
-        copy_text(field, words_.word());
+        copy_terminated(field, words_.word());
     }
 
     /// Reads user and password; the password is empty when nothing stands between its separators.
@@ -45,7 +46,7 @@ class service_conf final {
     /// no more words follow.
     template <std::size_t Size>
     void before(char separator, char (&field)[Size]) {
-        copy_text(field, words_.until(separator));
+        copy_terminated(field, words_.until(separator));
         if (field[0] == '\0') words_ = scanner({});
     }
 
@@ -59,7 +60,7 @@ class service_conf final {
         const std::string_view last = words_.word();
         const bool is_port = is_valid_int(last);
         port = is_port ? static_cast<Port>(to_number<int>(last)) : Port{};
-        copy_text(socket, is_port ? std::string_view() : last);
+        copy_terminated(socket, is_port ? std::string_view() : last);
     }
 
   private:
@@ -72,89 +73,27 @@ class service_conf final {
 /// Takes the container's name out of a host written "[name]"; 1 when there is one, else 0.
 int read_container(std::string_view host, char (&name)[128]);
 
-/// The address to connect to: the configured host, or the container's address now. Without one it says so in
-/// the kind's name and returns nothing.
+/// The address to connect to: the configured host, or the container's address now. When there is none, prints
+/// so in the kind's name and returns nothing.
 std::optional<std::string> service_host(const char* kind, int in_docker, std::string_view container,
                                         std::string_view host);
 
-/// Connects with the time-out of the counters' own connections. A host that is not a dotted IPv4 address is
-/// not looked up: the connect fails.
+/// Connects to a TCP service; every step has the time-out `counter_tcp_to`. A host that is not a dotted IPv4
+/// address is not looked up: the connect fails.
 stream connect_service(std::string_view host, int port);
+
+/// Connects to a Unix-domain socket, as connect_service().
+stream connect_service_path(std::string_view path);
+
+/// By when an answer of many reads must be complete: so many time-outs from now.
+deadline answer_deadline(int timeouts);
 
 /// Reads once, at most as much as the buffer holds. The reply is a text: it ends at a zero byte. Nothing for
 /// a failed read, an expired time-out among them.
-std::optional<std::string_view> read_reply(const unique_fd& socket, std::span<char> buffer);
+std::optional<std::string_view> read_reply(const stream& connection, std::span<char> buffer);
 
 /// Writes a request and reads its reply as read_reply() does. Nothing for a failed write or read.
-std::optional<std::string_view> ask_once(const unique_fd& socket, std::string_view request,
+std::optional<std::string_view> ask_once(const stream& connection, std::string_view request,
                                          std::span<char> buffer);
-
-/// One row of a reply table: a name in the reply and the function that stores what stands behind it.
-template <typename Record>
-struct reply_row {
-    std::string_view name;
-    void (*store)(Record& record, std::string_view value);
-};
-
-/// Stores a number as "%d" reads it into a member narrower than 64 bits and "%lu" into others. Without a
-/// number the member keeps its value.
-template <auto Member>
-void as_number(record_of<Member>& record, std::string_view value) {
-    using Value = std::remove_reference_t<decltype(record.*Member)>;
-    std::conditional_t<sizeof(Value) < sizeof(std::uint64_t), int, std::uint64_t> number = 0;
-    if (read_number(value, number) > 0) record.*Member = static_cast<Value>(number);
-}
-
-/// As as_number(), but without a number the member becomes 0.
-template <auto Member>
-void as_number_or_0(record_of<Member>& record, std::string_view value) {
-    record.*Member = 0;
-    as_number<Member>(record, value);
-}
-
-/// Stores the value under the first row whose name the line begins with.
-template <typename Record, std::size_t Rows>
-void store_line(std::string_view line, const reply_row<Record> (&rows)[Rows], Record& record) {
-    for (const reply_row<Record>& row : rows) {
-        if (!line.starts_with(row.name)) continue;
-        row.store(record, line.substr(row.name.size()));
-        return;
-    }
-}
-
-/// Stores the value under the row that bears exactly this name.
-template <typename Record, std::size_t Rows>
-void store_named(std::string_view name, std::string_view value, const reply_row<Record> (&rows)[Rows],
-                 Record& record) {
-    for (const reply_row<Record>& row : rows) {
-        if (name == row.name) row.store(record, value);
-    }
-}
-
-/// The key of a service of the shared family: report and id, joined by "_".
-std::string labelled_key(const tarn_mycustom_counter& counter);
-
-/// Appends the sub-document of a service with a family of its own, keyed by its id; nothing when the delta is
-/// not ok. Returns 1.
-template <typename Record, std::size_t Rows>
-int append_service(tarn_mycustom_counter& counter, bson_t& document, const bson_row<Record> (&rows)[Rows]) {
-    const auto& delta = data_delta_of<Record>(counter);
-    if (delta.ok == 0) return 1;
-    sub_document service(document, counter.id);
-    append_rows(service.document(), rows, delta);
-    return 1;
-}
-
-/// Appends the sub-document of a service of the shared family, which says its report and id; as above.
-template <typename Record, std::size_t Rows>
-int append_labelled(tarn_mycustom_counter& counter, bson_t& document, const bson_row<Record> (&rows)[Rows]) {
-    const auto& delta = data_delta_of<Record>(counter);
-    if (delta.ok == 0) return 1;
-    sub_document service(document, labelled_key(counter));
-    append_text(service.document(), "report", counter.report);
-    append_text(service.document(), "id", counter.id);
-    append_rows(service.document(), rows, delta);
-    return 1;
-}
 
 }  // namespace tarn

@@ -17,10 +17,4 @@ struct tarn_mycustom_data_sphinx {
     double Q_W;         ///< wall time of the queries, seconds
 };
 
-int sphinx_init(tarn_mycustom_counter& counter);
-int sphinx_reinit(tarn_mycustom_counter& counter);
-int sphinx_update(tarn_mycustom_counter& counter);
-int sphinx_delta(tarn_mycustom_counter& counter, std::uint32_t interval, std::uint64_t iteration);
-int sphinx_tobson(tarn_mycustom_counter& counter, bson_t& document);
-int sphinx_dump(tarn_mycustom_counter& counter);
-int sphinx_free(tarn_mycustom_counter& counter);
+extern const tarn_operations sphinx_operations;

@@ -28,7 +28,6 @@ struct document final : nx_json {
 /// The parser's own memory. RapidJSON does not check what its allocator returns.
 class throwing_allocator final {
   public:
-    static constexpr bool kNeedFree = true;
     static void* Malloc(std::size_t size) { return checked(std::malloc(size), size); }
     static void* Realloc(void* block, std::size_t /*old_size*/, std::size_t size) {
         if (size != 0) return checked(std::realloc(block, size), size);
@@ -223,7 +222,8 @@ nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start) {
     const std::string original = text.substr(start);
     if (nx_json_tree tree = parse(text.data() + start, {})) return tree;
     // Hardly any answer has odd numbers, so that they are looked for in one that did not parse.
-    text.replace(start, std::string::npos, original);
+    text.resize(start);
+    text += original;
     const std::vector<odd_number> odd = take_odd_numbers(text.data() + start);
     return odd.empty() ? nullptr : parse(text.data() + start, odd);
 }

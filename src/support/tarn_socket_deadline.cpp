@@ -1,9 +1,9 @@
-#include "support/tarn_deadline.h"
+// One timer of the process, whose signal shuts the guarded socket down.
+#include "support/tarn_socket_deadline.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -18,24 +18,24 @@ void on_alarm(int /*signum*/) {
     errno = error;
 }
 
-void set_timer(int seconds) {
-    const itimerval timer{{0, 0}, {seconds, 0}};
+void set_timer(std::chrono::seconds after) {
+    const itimerval timer{{0, 0}, {after.count(), 0}};
     ::setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
 }  // namespace
 
-socket_deadline::socket_deadline(int socket, int seconds) {
+socket_deadline::socket_deadline(int socket, std::chrono::seconds limit) {
     guarded = socket;
     struct sigaction action {};
     action.sa_handler = on_alarm;
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGALRM, &action, nullptr);
-    set_timer(std::max(seconds, 1));
+    set_timer(limit);
 }
 
 socket_deadline::~socket_deadline() {
-    set_timer(0);
+    set_timer(std::chrono::seconds::zero());
     guarded = -1;
 }
 

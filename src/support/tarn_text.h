@@ -28,7 +28,7 @@ requires(sizeof(Char) == 1) std::string_view text_of(const Char (&field)[Size]) 
 /// Copies a text into a fixed array, cut to the array's size less one, always terminated. Stops at a zero
 /// byte.
 template <std::size_t Size>
-void copy_text(char (&field)[Size], std::string_view text) {
+void copy_terminated(char (&field)[Size], std::string_view text) {
     text = text.substr(0, std::min(text.find('\0'), Size - 1));
     std::copy(text.begin(), text.end(), field);
     field[text.size()] = '\0';
@@ -37,7 +37,7 @@ void copy_text(char (&field)[Size], std::string_view text) {
 /// Copies a text into a fixed array that may be filled to its last byte: terminated only when it is shorter
 /// than the array. Such an array is read with text_of().
 template <typename Char, std::size_t Size>
-requires(sizeof(Char) == 1) void fill_text(Char (&field)[Size], std::string_view text) {
+requires(sizeof(Char) == 1) void copy_padded(Char (&field)[Size], std::string_view text) {
     text = text.substr(0, std::min(text.find('\0'), Size));
     std::fill(std::copy(text.begin(), text.end(), field), field + Size, Char{});
 }

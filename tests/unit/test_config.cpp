@@ -17,8 +17,8 @@ class Config : public testing::Test {
         init_config();
         std::string name = "/tmp/tarn-config-XXXXXX";
         directory_ = ::mkdtemp(name.data());
-        tarn::copy_text(config.configFile, path("main"));
-        tarn::copy_text(config.extConfigPattern, path("*.conf"));
+        tarn::copy_terminated(config.configFile, path("main"));
+        tarn::copy_terminated(config.extConfigPattern, path("*.conf"));
     }
     void TearDown() override {
         docker_free(config.docker);
@@ -63,7 +63,7 @@ TEST_F(Config, IdentityIsAnIdOrAUuidWithNames) {
         EXPECT_EQ(read(text), outcome) << text;
         EXPECT_EQ(config.shm_key, key) << text;
     }
-    tarn::copy_text(config.configFile, "/no/such");
+    tarn::copy_terminated(config.configFile, "/no/such");
     EXPECT_EQ(read(""), "1|Config file /no/such not found!\n");
 }
 

@@ -2,7 +2,7 @@
 
 #include <regex>
 
-#include "record/tarn_turn.h"
+#include "record/tarn_clock.h"
 #include "test_helpers.h"
 
 namespace {
@@ -34,13 +34,13 @@ class Core : public testing::Test {
     void SetUp() override {
         stats = {};
         init_config();
-        tarn::copy_text(config.defaultServerIp, "127.0.0.1");
+        tarn::copy_terminated(config.defaultServerIp, "127.0.0.1");
         const std::pair<tarn_family, const char*> families[] = {
             {mysql_family(), "my"},    {custom_family(), "cu"},    {mycustom_family(), "mc"},
             {memcache_family(), "me"}, {beanstalk_family(), "be"}, {redis_family(), "re"}};
         for (const auto& [family, id] : families) {
             mycustom_register(family, "text", all);
-            tarn::copy_text(family.slots[0].id, id);
+            tarn::copy_terminated(family.slots[0].id, id);
         }
         calls.clear();
     }

@@ -1,5 +1,6 @@
 #include <cmath>
 
+#include "docker/tarn_docker_client.h"
 #include "docker/tarn_docker_core.h"
 #include "docker/tarn_docker_loop.h"
 #include "support/tarn_json_framer.h"

@@ -10,7 +10,7 @@
 
 #include "record/tarn_config.h"
 #include "record/tarn_records.h"
-#include "report/tarn_bson.h"
+#include "report/tarn_bson_print.h"
 #include "support/tarn_text.h"
 
 /// The values as one text, "|" between them, so that a row of them is compared in one go.
@@ -50,17 +50,16 @@ inline void expect_golden(const std::string& name, const std::string& text) {
 template <typename Record>
 struct counter_of {
     tarn_mycustom_counter counter{};
-    std::string printed;
 
-    counter_of() { tarn::allocate_records<Record>(counter); }
-    counter_of(std::string_view text, mycustom_init init) {
+    counter_of() { tarn::allocate_records<Record>(counter, "test"); }
+    counter_of(std::string_view text, const tarn_operations& operations) {
         init_config();
-        tarn::fill_text(counter.cfg_string, text);
-        printed = printed_by([&] { init(counter); });
+        mycustom_set(counter, text, operations);
+        printed_by([&] { counter.init(counter); });
     }
     counter_of(const counter_of&) = delete;
     counter_of& operator=(const counter_of&) = delete;
-    ~counter_of() { tarn::release_records<Record>(counter); }
+    ~counter_of() { tarn::free_records<Record>(counter); }
     Record& data() { return tarn::data_of<Record>(counter); }
     Record& delta() { return tarn::data_delta_of<Record>(counter); }
 };

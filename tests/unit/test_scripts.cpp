@@ -1,4 +1,6 @@
-#include "scripts/tarn_custom.h"
+#include "customs/tarn_custom.h"
+
+#include "customs/tarn_custom_exec.h"
 
 #include <cstring>
 
@@ -23,21 +25,12 @@ TEST(Scripts, SettingsAreReadWithAllTheirQuirks) {
         {longest + " i alert=" + longest + " c",
          longest.substr(0, 255) + "|i|c|" + longest.substr(0, 49) + "|65534|4|5|0|11"}};
     for (const auto& [text, settings] : rows) {
-        const script read(text, custom_init);
+        const script read(text, custom_operations);
         const auto& is = read.counter;
         EXPECT_EQ(fields(is.report, is.id, is.exec, is.alert_condition, is.uid, is.interval, is.max_seconds,
                          is.incremental, is.type),
                   settings);
     }
-}
-
-TEST(Scripts, InitPrintsWhatItUnderstood) {
-    EXPECT_EQ(script(" web users uid=33 alert=x periods=2 gid=3 run it\n", custom_init).printed,
-              "Custom conuter init:\n\tCfg string =  web users uid=33 alert=x periods=2 gid=3 run it\n"
-              "\tReport = web\n\tId = users\n\tExec =  run it\n\tAlert when = x\n"
-              "\tUid = 33, Gid = 3, Interval = 0, MaxSeconds = 5, Inc = 0, Type = 11\n"
-              "Custom counter web users: period 0 is not allowed, using 1\n");
-    EXPECT_TRUE(script("a b", custom_init).printed.ends_with("Custom counter a b has no command\n"));
 }
 
 TEST(Scripts, TheFirstLineIsTheValueTheRestAreAlerts) {
@@ -62,12 +55,12 @@ TEST(Scripts, TheFirstLineIsTheValueTheRestAreAlerts) {
 }
 
 TEST(Scripts, IncrementalCountersReportTheirIncrease) {
-    script run("a b incremental x", custom_init);
+    script run("a b incremental x", custom_operations);
     const auto cycle = [&](double value, int updated, int due, std::uint64_t iteration) {
         run.data().value = value;
         run.data().updated = updated;
         run.data().mustBeUpdated = due;
-        custom_delta(run.counter, 15, iteration);
+        custom_operations.delta(run.counter, 15, iteration);
         return run.delta().updated != 0 ? fields(run.delta().value) : "-";
     };
     EXPECT_EQ(cycle(100, 1, 1, 0), "-");
@@ -80,14 +73,14 @@ TEST(Scripts, IncrementalCountersReportTheirIncrease) {
 }
 
 TEST(Scripts, TheReportNamesValueTypeAndAlerts) {
-    script run("web users alert=v>1 type=12 interval=3 x", custom_init);
+    script run("web users alert=v>1 type=12 interval=3 x", custom_operations);
     bson_t document = BSON_INITIALIZER;
-    custom_tobson(run.counter, document);
+    custom_operations.tobson(run.counter, document);
     EXPECT_TRUE(bson_empty(&document));
     run.delta().mustBeUpdated = run.delta().updated = run.delta().agent_alerts_count = 1;
     run.delta().value = 2.5;
-    tarn::copy_text(run.delta().agent_alerts[0].text, "h\xC3");  // cut in the middle of a character
-    custom_tobson(run.counter, document);
+    tarn::copy_terminated(run.delta().agent_alerts[0].text, "h\xC3");  // cut in the middle of a character
+    custom_operations.tobson(run.counter, document);
     EXPECT_EQ(printed_document(document),
               "web_users : document\n\treport : string web\n\tname : string users\n\tinterval : int32 45\n"
               "\talert_when : string v>1\n\tvalue : double 2.500000\n\ttype : int64 12\n\talerts : array\n"

@@ -29,9 +29,9 @@ TEST(Text, NumbersAreReadAsScanfReadsThem) {
 
 TEST(Text, CopiesStayInTheirFields) {
     char bounded[4], whole[4], ended[4], filtered[4];
-    tarn::copy_text(bounded, "abcdef");
-    tarn::fill_text(whole, "abcdef");
-    tarn::fill_text(ended, "a\0b"sv);
+    tarn::copy_terminated(bounded, "abcdef");
+    tarn::copy_padded(whole, "abcdef");
+    tarn::copy_padded(ended, "a\0b"sv);
     tarn::strcpyfilter("\"a\"b\"cd\"", filtered, '"');
     EXPECT_EQ(fields(bounded, tarn::text_of(whole), tarn::text_of(ended), filtered), "abc|abcd|a|abc");
 }

@@ -1,0 +1,163 @@
+#include "captures.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "config/tarn_config_line.h"
+#include "config/tarn_kinds.h"
+#include "record/tarn_config.h"
+#include "record/tarn_records.h"
+#include "services/tarn_apache.h"
+#include "services/tarn_beanstalk.h"
+#include "services/tarn_elastic.h"
+#include "services/tarn_fcgi.h"
+#include "services/tarn_fpm.h"
+#include "services/tarn_memcache.h"
+#include "services/tarn_mysqlclient.h"
+#include "services/tarn_nginx.h"
+#include "services/tarn_postgreclient.h"
+#include "services/tarn_rabbit.h"
+#include "services/tarn_redis.h"
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+/// A reply whose parser cannot fail.
+template <typename Record, auto Parse>
+void read_reply(tarn_mycustom_counter& counter, const texts& answers) {
+    auto& data = tarn::data_of<Record>(counter);
+    Parse(answers[0], data);
+    data.ok = 1;
+}
+
+template <typename Record, auto Parse>
+void read_page(tarn_mycustom_counter& counter, const texts& answers) {
+    auto& data = tarn::data_of<Record>(counter);
+    data.ok = Parse(answers[0], data);
+}
+
+std::string body_of(const std::string& answer) {
+    const std::size_t head = answer.find("\r\n\r\n");
+    return head == std::string::npos ? answer : answer.substr(head + 4);
+}
+
+template <typename Record, auto ParseFirst, auto ParseSecond>
+void read_bodies(tarn_mycustom_counter& counter, const texts& answers) {
+    auto& data = tarn::data_of<Record>(counter);
+    data.ok = ParseFirst(body_of(answers[0]), data);
+    if (answers.size() > 1 && data.ok != 0) data.ok = ParseSecond(body_of(answers[1]), data);
+}
+
+void read_records(tarn_mycustom_counter& counter, const texts& answers) {
+    auto& data = tarn::data_of<tarn_mycustom_data_fpm>(counter);
+    std::span<const char> bytes(answers[0]);
+    fcgi_record record;
+    if (fcgi_process_record(bytes, record) != fcgi_progress::complete) return;
+    fpm_parse_res(record.content, data);
+    data.ok = 1;
+}
+
+/// The whole update, through the stub of the client libraries.
+void read_rows(tarn_mycustom_counter& counter, const texts& answers) {
+    ::setenv("TARN_ROWS", (std::string(CAPTURES "/") + answers[0]).c_str(), 1);
+    counter.update(counter);
+}
+
+std::vector<captured_kind> all_kinds() {
+    return {
+        {"redis",
+         "redis_main u:@127.0.0.1:@port@",
+         {{"redis_info.txt"}, {"redis_later.txt"}, {"redis_refused.txt"}},
+         read_reply<tarn_mycustom_data_redis, redis_parse_info>},
+        {"memcached",
+         "memcache 127.0.0.1:@port@",
+         {{"memcached_stats.txt"}, {"memcached_later.txt"}, {"memcached_returns.txt"}},
+         read_reply<tarn_mycustom_data_memcache, memcache_parse_stats>},
+        {"beanstalk",
+         "beanstalk 127.0.0.1:@port@",
+         {{"beanstalkd_stats.txt"}, {"beanstalkd_later.txt"}, {"beanstalkd_returns.txt"}},
+         read_reply<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
+        {"nginx",
+         "nginx_main 127.0.0.1:@port@/status localhost",
+         {{"nginx_status.txt"}, {"nginx_later.txt"}, {"nginx_odd.txt"}},
+         read_page<tarn_mycustom_data_nginx, nginx_parse_res>},
+        {"apache",
+         "apache_main 127.0.0.1:@port@",
+         {{"apache_status.txt"}, {"apache_later.txt"}, {"apache_restarted.txt"}},
+         read_page<tarn_mycustom_data_apache, apache_parse_res>},
+        {"fpm",
+         "fpm_main 127.0.0.1:@port@ /status",
+         {{"fpm_answer.bin"}, {"fpm_later.bin"}, {"fpm_restarted.bin"}},
+         read_records},
+        {"rabbit",
+         "rabbit_main u:p@127.0.0.1:@port@",
+         {{"rabbit_nodes.txt", "rabbit_queues.txt"},
+          {"rabbit_nodes_later.txt", "rabbit_queues_later.txt"},
+          {"rabbit_starting.txt", "rabbit_no_queues.txt"}},
+         read_bodies<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
+        {"elastic",
+         "elastic_main 127.0.0.1:@port@ node-7",
+         {{"elastic_node.txt", "elastic_health.txt"},
+          {"elastic_node_later.txt", "elastic_health_later.txt"},
+          {"elastic_node_odd.txt", "elastic_health_odd.txt"}},
+         read_bodies<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
+        {"mysql",
+         "mysql_main u:p@127.0.0.1:@port@",
+         {{"mysql.rows"}, {"mysql_later.rows"}, {"mysql_primary.rows"}},
+         read_rows},
+        {"postgre",
+         "postgresql_main u:p@127.0.0.1:@port@",
+         {{"postgre.rows"}, {"postgre_later.rows"}, {"postgre_old.rows"}},
+         read_rows},
+        {"sphinx",
+         "sphinx_main u:p@127.0.0.1:@port@",
+         {{"sphinx.rows"}, {"sphinx_later.rows"}, {"sphinx_cut.rows"}},
+         read_rows},
+    };
+}
+
+/// The counter that the line made, in whatever family.
+tarn_mycustom_counter& only_counter() {
+    for (const tarn_family& family :
+         {mysql_family(), memcache_family(), beanstalk_family(), redis_family()}) {
+        if (family.count > 0) return family.slots[0];
+    }
+    return mycustom_family().slots[0];
+}
+
+}  // namespace
+
+std::span<const captured_kind> captured_kinds() {
+    static const std::vector<captured_kind> kinds = all_kinds();
+    return kinds;
+}
+
+std::string captured(const std::string& name) {
+    std::ifstream file(std::string(CAPTURES "/") + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<std::string> answers_of(const captured_kind& kind, std::size_t step) {
+    texts answers;
+    for (const std::string& name : kind.steps[step])
+        answers.push_back(name.ends_with(".rows") ? name : captured(name));
+    return answers;
+}
+
+tarn_mycustom_counter& configured(const captured_kind& kind, int port) {
+    if (only_counter().free != nullptr) only_counter().free(only_counter());
+    stats = {};
+    init_config();
+    tarn::copy_padded(config.mysql_lib, STUB_CLIENT);
+    tarn::copy_padded(config.postgre_lib, STUB_CLIENT);
+    init_mysql_lib();
+    init_postgre_lib();
+    std::string line = kind.line;
+    line.replace(line.find("@port@"), 6, std::to_string(port));
+    register_counter(split_config_line(line));
+    tarn_mycustom_counter& counter = only_counter();
+    counter.init(counter);
+    return counter;
+}
