@@ -31,8 +31,9 @@ int main(int argc, char** argv) {
     const auto cycle = reporter.medians.find("cycle");
     const auto floor = reporter.medians.find("floor");
     if (cycle != reporter.medians.end() && floor != reporter.medians.end()) {
-        std::printf("\ncycle / floor = %.2f (wanted: at most 1.50)\n", cycle->second / floor->second);
+        std::printf("\ncycle / floor = %.2f (wanted: at most 1)\n", cycle->second / floor->second);
     }
     print_heap_growth();
+    print_agent_cost();
     return 0;
 }

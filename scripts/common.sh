@@ -10,7 +10,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 # What the agent and the receiver are built from.
-build_packages=(cmake ninja-build g++ libbson-dev libssl-dev libudns-dev rapidjson-dev libcli11-dev)
+build_packages=(cmake make g++ libbson-dev libssl-dev libudns-dev rapidjson-dev libcli11-dev)
 
 # Installs those of the named packages that are missing.
 install_missing() {

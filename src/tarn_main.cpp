@@ -23,7 +23,9 @@
 #include "record/tarn_trace.h"
 #include "services/tarn_mysqlclient.h"
 #include "services/tarn_postgreclient.h"
+#include "services/tarn_socket_deadline.h"
 #include "support/tarn_files.h"
+#include "support/tarn_output.h"
 #include "support/tarn_text.h"
 #include "support/tarn_version.h"
 
@@ -31,8 +33,10 @@ namespace {
 
 pid_t parent_id = 0;
 
+/// A library that waits for its server goes on waiting after a signal.
 void on_kill(int /*signum*/) {
     stop = 1;
+    tarn::shut_guarded_socket();
 }
 
 /// Standard input is /dev/null, and so is an output that the agent was started without: a file opened later
@@ -186,6 +190,7 @@ int main(int argc, char** argv) {
         docker_free(config.docker);
         return EXIT_SUCCESS;
     }
+    tarn::never_wait_for_readers();
     pid_create();
     install_signals();
     return stats.ncustom_counters > 0 ? run_with_scripts() : run_with_docker();

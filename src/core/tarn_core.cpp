@@ -1,8 +1,10 @@
 #include "core/tarn_core.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
+#include "core/tarn_sampling.h"
 #include "customs/tarn_customs_core.h"
 #include "customs/tarn_customs_process.h"
 #include "docker/tarn_docker_core.h"
@@ -13,6 +15,7 @@
 #include "host/tarn_net.h"
 #include "host/tarn_os.h"
 #include "host/tarn_socket.h"
+#include "record/tarn_budget.h"
 #include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_counter.h"
@@ -24,8 +27,13 @@
 
 namespace {
 
-/// The parent samples two seconds after the script process, whose results are then there to be read.
+/// The parent samples two seconds after the script process, whose results can then be read.
 constexpr long parent_lag = 2;
+
+/// What a cycle may wait for services, engine and filesystems altogether: half of the interval.
+std::chrono::milliseconds waits_of_cycle() {
+    return std::chrono::milliseconds(std::chrono::seconds(config.interval)) / 2;
+}
 
 }  // namespace
 
@@ -75,14 +83,29 @@ void reinitCounters(long now) {
 }
 
 void updateCounters() {
-    constexpr auto update = tarn::call<&tarn_mycustom_counter::update>;
-    tarn_docker_update(config.docker);
-    tarn::visit("update: core... ", core_family(), update);
-    tarn::visit("done, mysqls... ", mysql_family(), update);
-    tarn::visit("done, memcaches... ", memcache_family(), update);
-    tarn::visit("done, beanstalks... ", beanstalk_family(), update);
-    tarn::visit("done, redises... ", redis_family(), update);
-    tarn::visit("done, mycustoms... ", mycustom_family(), update);
+    static sampling_order order;
+    const auto in_place = [](tarn_mycustom_counter& counter) { order.ask_in_place(counter); };
+    const auto host = [](tarn_mycustom_counter& counter) {
+        if (stop == 0) tarn::call<&tarn_mycustom_counter::update>(counter);
+    };
+    const auto waits = waits_of_cycle();
+    tarn::budget.begin_cycle(waits);
+    order.begin({mysql_family(), memcache_family(), beanstalk_family(), redis_family(), mycustom_family()},
+                waits);
+    tarn_docker_begin_cycle(config.docker);
+    const bool engine_first = config.docker == nullptr || !config.docker->was_silent;
+    if (engine_first) tarn_docker_update(config.docker, order.expected());
+    tarn::budget.begin_exchange(order.expected(), tarn::slot_of_living);
+    tarn::visit("update: core... ", core_family(), host);
+    tarn::visit("done, mysqls... ", mysql_family(), in_place);
+    tarn::visit("done, memcaches... ", memcache_family(), in_place);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), in_place);
+    tarn::visit("done, redises... ", redis_family(), in_place);
+    tarn::visit("done, mycustoms... ", mycustom_family(), in_place);
+    order.ask_slow();
+    if (!engine_first) tarn_docker_update(config.docker, 0);
+    order.ask_silent();
+    tarn::budget.end_cycle();
     trace("done, customs PARENT... %ld", std::time(nullptr));
     watch_customs_process();
     read_customs_results();
@@ -128,15 +151,18 @@ void freeCounters() {
 
 std::uint64_t run_cycle(long t, std::uint64_t iteration) {
     trace("Main loop iteration at %ld\n", t);
+    const tarn::deadline next_cycle = before_next_cycle(t + parent_lag);
     if (t % 60 == 0) reinitCounters(t);
     updateCounters();
+    // Half of the counters would be a wrong report.
+    if (stop != 0) return iteration;
     deltaCounters(iteration);
     if (config.debug != 0) dumpCounters();
     if (iteration == 0) return 1;
 
     const auto report = stats_to_bson();
     if (config.debug != 0) print_report(report, 3);
-    send_data(report);
+    send_data(report, next_cycle);
     return next_iteration(iteration);
 }
 

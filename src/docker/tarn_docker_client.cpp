@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "record/tarn_budget.h"
 #include "support/tarn_deadline.h"
 
 namespace {
@@ -38,6 +39,7 @@ step read_more(const tarn::stream& connection, tarn::deadline end, std::string& 
         return step::failed;
     }
     if (ready == 0) {
+        if (length == 0) tarn::budget.note_timeout();
         std::printf("select() returned 0\n");
         return step::complete;
     }
@@ -47,6 +49,7 @@ step read_more(const tarn::stream& connection, tarn::deadline end, std::string& 
     }
     const ssize_t got = tarn::receive_once(connection, std::span(answer).subspan(length));
     if (got < 0) {
+        tarn::budget.note_failure(errno);
         std::perror("read() failed");
         return step::failed;
     }
@@ -57,8 +60,9 @@ step read_more(const tarn::stream& connection, tarn::deadline end, std::string& 
 }  // namespace
 
 tarn::stream tarn_docker_connect(std::string_view sock_path) {
-    tarn::stream connection = tarn::connect_unix(sock_path, timeout);
+    tarn::stream connection = tarn::connect_unix(sock_path, tarn::budget.limit(timeout));
     const bool is_connect = connection.failed == tarn::stream_step::connect;
+    if (!connection) tarn::budget.note_failure(connection.error);
     if (!connection) tarn::print_error(is_connect ? "connect" : "socket", connection.error);
     return connection;
 }
@@ -72,12 +76,14 @@ std::optional<std::string> tarn_docker_request(std::string_view before, std::str
     return request;
 }
 
-std::optional<std::string> tarn_docker_cmd(const tarn::stream& connection, std::string_view request) {
+std::optional<std::string> tarn_docker_cmd(const tarn::stream& connection, std::string_view request,
+                                           tarn::deadline latest) {
     if (tarn::send_once(connection, request) < 0) {
+        tarn::budget.note_failure(errno);
         std::perror("send");
         return std::nullopt;
     }
-    const tarn::deadline end(timeout);
+    const tarn::deadline end = tarn::deadline(timeout).or_before(latest);
     std::string answer;
     std::size_t length = 0;
     step last = step::more;

@@ -4,13 +4,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <numeric>
+#include <utility>
 
 #include "docker/tarn_docker_client.h"
+#include "record/tarn_budget.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
 #include "support/tarn_json.h"
@@ -53,12 +58,16 @@ void publish(tarn_docker& docker, std::size_t index) {
     if (is_gone) docker.statistics_process.reset();
 }
 
-/// The answer to the inspection of a container; an empty text when there is none.
-std::string inspect(const tarn_docker& docker, std::string_view name) {
+/// The answer to the inspection of a container; an empty text when there is none. An engine that has been
+/// silent in this cycle is not asked.
+std::string inspect(tarn_docker& docker, std::string_view name, tarn::deadline latest) {
     const auto request = tarn_docker_request("/containers/", name, "/json");
-    if (!request) return {};
+    if (docker.is_silent) tarn::budget.note_skipped();
+    if (!request || docker.is_silent) return {};
     const tarn::stream connection = tarn_docker_connect(socket_path(docker));
-    return connection ? tarn_docker_cmd(connection, *request).value_or("") : std::string();
+    std::string answer = connection ? tarn_docker_cmd(connection, *request, latest).value_or("") : "";
+    docker.is_silent = answer.empty() && tarn::budget.timed_out();
+    return answer;
 }
 
 /// The state of a container that does not run; the one that it was in when the engine names none.
@@ -85,6 +94,19 @@ void read_answer(const nx_json& root, tarn_docker_container_t& container, char (
     json_get_str_by_path(root, "NetworkSettings.IPAddress", container.ip, sizeof container.ip);
 }
 
+/// The containers for which the engine answered, in the order of the table, and then the others.
+void order_refresh(const tarn_docker& docker, std::vector<std::size_t>& order) {
+    order.resize(docker.containers.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&docker](std::size_t one, std::size_t other) {
+        const auto place = [&docker](std::size_t at) {
+            const tarn_docker_known& container = docker.containers[at];
+            return container.is_silent ? 1 + container.asked_in : 0;
+        };
+        return place(one) < place(other);
+    });
+}
+
 }  // namespace
 
 key_t tarn_docker_key() {
@@ -96,7 +118,9 @@ int docker_init(tarn_docker*& docker) {
     const key_t key = tarn_docker_key();
     if (docker != nullptr && docker->key != key) docker_free(docker);
     if (docker == nullptr) {
-        table = {key, tarn::attached_block(tarn::claim_block(key, sizeof(tarn_docker_t))), {}, {}};
+        table = tarn_docker{};
+        table.key = key;
+        table.block = tarn::attached_block(tarn::claim_block(key, sizeof(tarn_docker_t)));
     }
     if (!table.block) {
         std::perror("shmget");
@@ -140,7 +164,7 @@ int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
         return -1;
     }
     const std::size_t index = docker.containers.size();
-    tarn_docker_container_t& container = docker.containers.emplace_back();
+    tarn_docker_known& container = docker.containers.emplace_back();
     tarn::copy_terminated(container.name, name);
     container.state = TARN_DOCKER_CONT_STATE_EXITED;
     std::atomic_ref(docker.shared().containers[index].cpu_usage) = 0.0;
@@ -148,8 +172,8 @@ int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
     return static_cast<int>(index);
 }
 
-int tarn_docker_update_info(tarn_docker& docker, std::string_view name) {
-    std::string answer = inspect(docker, name);
+int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest) {
+    std::string answer = inspect(docker, name, latest);
     const std::size_t body = answer.find("{\"");
     if (body == std::string::npos) return -1;
     const nx_json_tree root = nx_json_parse_utf8(answer, body);
@@ -167,21 +191,33 @@ int tarn_docker_update_info(tarn_docker& docker, std::string_view name) {
     return index;
 }
 
-int tarn_docker_update(tarn_docker* docker) {
-    if (docker == nullptr) return 0;
-    for (const tarn_docker_container_t& container : docker->containers) {
+void tarn_docker_begin_cycle(tarn_docker* docker) {
+    if (docker != nullptr) docker->was_silent = std::exchange(docker->is_silent, false);
+}
+
+int tarn_docker_update(tarn_docker* docker, std::size_t others) {
+    if (docker == nullptr || docker->containers.empty()) return 0;
+    static std::vector<std::size_t> order;
+    order_refresh(*docker, order);
+    ++docker->refresh;
+    for (std::size_t at = 0; at < order.size() && stop == 0 && !docker->is_silent; ++at) {
+        tarn_docker_known& container = docker->containers[order[at]];
+        container.asked_in = docker->refresh;
+        tarn::budget.begin_exchange(order.size() - at - 1 + others, tarn::slot_of_living);
         try {
-            tarn_docker_update_info(*docker, container.name);
+            tarn_docker_update_info(*docker, container.name, tarn::budget.end_of_exchange());
         } catch (const std::exception& error) {
             std::printf("[docker] %s: %s\n", container.name, error.what());
         }
+        container.is_silent = docker->is_silent;
     }
     return 0;
 }
 
 std::optional<std::string_view> tarn_docker_resolve(tarn_docker* docker, std::string_view name) {
     if (docker == nullptr) return std::nullopt;
-    const int index = tarn_docker_update_info(*docker, name);
+    // The service itself needs the rest of the time.
+    const int index = tarn_docker_update_info(*docker, name, tarn::budget.end_of_half());
     if (index < 0) return std::nullopt;
     const tarn_docker_container_t& container = docker->containers[static_cast<std::size_t>(index)];
     if (container.running == 0 || container.ip[0] == '\0') return std::nullopt;

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/tarn_deadline.h"
 #include "support/tarn_files.h"
 #include "support/tarn_shared_memory.h"
 
@@ -43,12 +44,21 @@ struct tarn_docker_t {
     tarn_docker_container_t containers[tarn_docker_max_containers];
 };
 
+/// A container as the parent knows it, and how the engine answers for it.
+struct tarn_docker_known : tarn_docker_container_t {
+    bool is_silent = false;      ///< the engine did not answer in time when it was asked last
+    unsigned long asked_in = 0;  ///< the refresh in which it was asked last
+};
+
 /// The container table of the parent: its own record of what it learned from the engine, and the shared block
 /// through which the statistics process learns the names and hands back the CPU figures.
 struct tarn_docker {
     key_t key = 0;  ///< System V key of the block
     tarn::attached_block block;
-    std::vector<tarn_docker_container_t> containers;
+    std::vector<tarn_docker_known> containers;
+    bool is_silent = false;     ///< the engine did not answer in time in this cycle: it is not asked again
+    bool was_silent = false;    ///< nor in the cycle before
+    unsigned long refresh = 0;  ///< counts the refreshes
     tarn::unique_fd statistics_process;  ///< pipe to that process: a byte for each change of the count
 
     [[nodiscard]] tarn_docker_t& shared() const { return *static_cast<tarn_docker_t*>(block.get()); }
@@ -76,11 +86,15 @@ int tarn_docker_find_container(const tarn_docker& docker, std::string_view name)
 int tarn_docker_add_container(tarn_docker& docker, std::string_view name);
 
 /// Asks the engine about one container, which is added to the table if it is not there yet. Returns its
-/// index, or -1 when there was no answer or the table is full.
-int tarn_docker_update_info(tarn_docker& docker, std::string_view name);
+/// index, or -1 when there was no answer before the deadline or the table is full.
+int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest);
 
-/// Asks the engine about every container of the table, if there is a table. Returns 0.
-int tarn_docker_update(tarn_docker* docker);
+/// Begins a cycle in the table, if there is one: an engine that was silent may be asked again.
+void tarn_docker_begin_cycle(tarn_docker* docker);
+
+/// Asks the engine about every container of the table, if there is a table; `others` exchanges are to be made
+/// after that. Containers for which it was silent come last, the longest unasked first. Returns 0.
+int tarn_docker_update(tarn_docker* docker, std::size_t others);
 
 /// The address of a running container, which costs one request; nothing when the container is unknown, does
 /// not run, or has no address, and when there is no table. The text is valid until the next refresh.

@@ -108,7 +108,7 @@ int container_count(tarn_docker_t& table) {
 tarn::stream get_fd_for_container_stats(std::string_view name) {
     const auto request = tarn_docker_request("/containers/", name, "/stats?stream=true");
     if (!request) return {};
-    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, connect_timeout);
+    tarn::stream connection = tarn::connect_unix(tarn_docker_default_socket, {connect_timeout, {}});
     const bool is_sent = connection && tarn::send_once(connection, *request) >= 0;
     if (is_sent || stop != 0) return connection;
     if (connection) give_up("send");

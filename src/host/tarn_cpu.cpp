@@ -38,7 +38,7 @@ std::uint32_t cpu_count(std::string_view stat) {
     std::unordered_set<std::string_view> names;
     tarn::line_reader lines(stat);
     for (std::string_view line; lines.next(line);) {
-        const std::string_view name = tarn::next_token(line, tarn::blanks);
+        const std::string_view name = tarn::next_word(line);
         if (name.starts_with("cpu") && name != "cpu") names.insert(name);
     }
     return static_cast<std::uint32_t>(names.size());
@@ -60,7 +60,7 @@ namespace {
 
 float load_average() {
     float lavg = 0;
-    if (const auto text = tarn::read_file("/proc/loadavg")) {
+    if (const auto text = tarn::read_kernel_file("/proc/loadavg")) {
         std::from_chars(text->data(), text->data() + text->size(), lavg);
     }
     return lavg;
@@ -68,7 +68,7 @@ float load_average() {
 
 int cpu_init(tarn_mycustom_counter& counter) {
     auto& data = tarn::allocate_records<data_cpu>(counter, "cpu");
-    const auto stat = tarn::read_file("/proc/stat");
+    const auto stat = tarn::read_kernel_file("/proc/stat");
     if (!stat) return 0;
     data.ncpus = cpu_count(*stat);
     data.ok = 1;
@@ -76,7 +76,7 @@ int cpu_init(tarn_mycustom_counter& counter) {
 }
 
 bool cpu_update(data_cpu& data) {
-    const auto stat = tarn::read_file("/proc/stat");
+    const auto stat = tarn::read_kernel_file("/proc/stat");
     if (!stat) return false;
     cpu_parse_stat(*stat, data);
     data.lavg = load_average();

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -61,7 +62,7 @@ void list_devices(tarn::directory_reader& sys_block, std::vector<mibdisk>& list)
     bool removable = false;
     while (const char* const device = sys_block.next()) {
         if (!has_hardware(sys_block.fd(), device)) continue;
-        const auto flag = tarn::read_file(entry_path(device, "removable").data(), sys_block.fd());
+        const auto flag = tarn::read_kernel_file(entry_path(device, "removable").data(), {}, sys_block.fd());
         if (flag) removable = flag->starts_with('1');
         if (removable && !std::string_view(device).starts_with("sd")) continue;
         tarn::copy_terminated(list.emplace_back().device, device);
@@ -127,13 +128,50 @@ int disk_init(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-bool read_disks(data_disk& data) {
+/// The devices of a table, to be compared: a disk is in it from the time on at which it is in /sys/block.
+void list_names(std::string_view diskstats, std::string& names) {
+    names.clear();
+    tarn::line_reader lines(diskstats);
+    for (std::string_view line; lines.next(line);) {
+        tarn::scanner fields(line);
+        if (fields.skip(2)) names.append(fields.word()).append("\n");
+    }
+}
+
+}  // namespace
+
+bool disk_walk_watch::is_due(std::string_view diskstats) {
+    const auto now = std::chrono::steady_clock::now();
+    list_names(diskstats, names_);
+    const bool is_other = directory_.has_changed("/sys/block") || names_ != last_names_;
+    if (!is_other && now < next_) return false;
+    std::swap(names_, last_names_);
+    next_ = now + std::chrono::seconds(30);
+    return true;
+}
+
+namespace {
+
+bool walk(data_disk& data) {
     tarn::directory_reader sys_block("/sys/block");
     if (!sys_block) return false;
     data.mibdisk_list.clear();
     list_devices(sys_block, data.mibdisk_list);
-    const auto diskstats = tarn::read_file("/proc/diskstats");
+    return true;
+}
+
+bool read_disks(data_disk& data) {
+    auto diskstats = tarn::read_kernel_file("/proc/diskstats");
     if (!diskstats) return false;
+    if (data.watch.is_due(*diskstats)) {
+        if (!walk(data)) {
+            data.watch = {};
+            return false;
+        }
+        // The walk has read into the buffer that the text was in.
+        diskstats = tarn::read_kernel_file("/proc/diskstats");
+        if (!diskstats) return false;
+    }
     disk_parse_diskstats(*diskstats, data);
     return true;
 }

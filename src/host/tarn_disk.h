@@ -1,14 +1,17 @@
 #pragma once
 
+#include <chrono>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "record/tarn_counter.h"
+#include "support/tarn_files.h"
 #include "support/tarn_name_index.h"
 
 /// One block device. In data and data_prev the figures are totals since boot, in data_delta rates per second.
 struct mibdisk {
-    int ok;                  ///< the device stood in /proc/diskstats; data_delta: in both samples
+    int ok;                  ///< the device is in /proc/diskstats; data_delta: in both samples
     char device[256];        ///< name as in /sys/block
     std::uint64_t rbytes;    ///< reads completed (operations, whatever the name says)
     std::uint64_t wbytes;    ///< writes completed (operations)
@@ -21,11 +24,25 @@ struct mibdisk {
     float avio;              ///< data_delta: milliseconds of I/O per operation
 };
 
+/// Tells when the walk through /sys/block, the most expensive part of a sample, has to be repeated: when a
+/// device has come or gone, and after a minute, in which the flags of a device may have changed.
+class disk_walk_watch final {
+  public:
+    /// `diskstats` lists the devices that exist: a disk is in it from the moment on that it is in /sys/block.
+    bool is_due(std::string_view diskstats);
+
+  private:
+    std::string names_, last_names_;
+    tarn::file_watch directory_;
+    std::chrono::steady_clock::time_point next_;
+};
+
 /// I/O rates of the host's physical block devices.
 struct tarn_mycustom_data_disk {
     int ok;                             ///< 1 when the record holds valid values
     std::vector<mibdisk> mibdisk_list;  ///< in the order of the directory /sys/block
     tarn::name_index positions;         ///< device name to its place in the list
+    disk_walk_watch watch;              ///< data: of the walk that made the list
 };
 
 /// What the busy percentage is measured against: the CPU counter's figures of the same cycle.

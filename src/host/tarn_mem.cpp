@@ -59,10 +59,10 @@ int mem_init(tarn_mycustom_counter& counter) {
 }
 
 bool mem_update(data_mem& data) {
-    const auto meminfo = tarn::read_file("/proc/meminfo");
+    const auto meminfo = tarn::read_kernel_file("/proc/meminfo");
     if (!meminfo) return false;
     mem_parse_meminfo(*meminfo, data);
-    const auto vmstat = tarn::read_file("/proc/vmstat");
+    const auto vmstat = tarn::read_kernel_file("/proc/vmstat", "\npswpout ");
     if (!vmstat) return false;
     mem_parse_vmstat(*vmstat, data);
     return true;

@@ -6,12 +6,15 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "host/tarn_devices.h"
+#include "record/tarn_budget.h"
+#include "record/tarn_clock.h"
 #include "record/tarn_config.h"
 #include "record/tarn_operations.h"
 #include "support/tarn_files.h"
@@ -63,6 +66,7 @@ void mount_parse_table(std::FILE& table, const mount_filter& filter, std::vector
         mibmount& mount = list.emplace_back();
         mount.ok = 1;
         tarn::copy_terminated(mount.name, entry.mnt_dir);
+        if (std::string_view(entry.mnt_type).starts_with("fuse")) mount.probe.emplace();
     }
 }
 
@@ -85,10 +89,16 @@ int mount_init(tarn_mycustom_counter& counter) {
     return data.ok;
 }
 
+/// A filesystem that another process serves may take so long to answer.
+constexpr auto probe_timeout = std::chrono::seconds(2);
+
 /// Measures a filesystem with one call. An unreachable mount point yields zeros, not an error.
 void measure(mibmount& mount) {
     struct statvfs statistics {};
-    if (::statvfs(mount.name, &statistics) != 0) statistics = {};
+    const bool is_good =
+        mount.probe ? mount.probe->measure(mount.name, statistics, tarn::budget.end_within(probe_timeout))
+                    : ::statvfs(mount.name, &statistics) == 0;
+    if (!is_good) statistics = {};
     mount.free = free_space(statistics);
     mount.total = total_space(statistics);
     mount.inodes_usage = inodes_percentage_used(statistics);
@@ -98,7 +108,7 @@ void measure(mibmount& mount) {
 
 int mount_update(tarn_mycustom_counter& counter) {
     for (mibmount& mount : tarn::data_of<data_mount>(counter).mibmount_list)
-        measure(mount);
+        if (stop == 0) measure(mount);
     return 1;
 }
 

@@ -3,19 +3,22 @@
 #include <sys/statvfs.h>
 
 #include <cstdio>
+#include <optional>
 #include <string_view>
 #include <vector>
 
+#include "host/tarn_mount_probe.h"
 #include "record/tarn_counter.h"
 
 /// One mounted filesystem. The two shares are free shares, whatever their names say: receivers rely on it.
 struct mibmount {
-    int ok;               ///< measured
-    char name[256];       ///< mount point
-    std::uint64_t free;   ///< space available to unprivileged users, MiB
-    std::uint64_t total;  ///< size, MiB
-    double inodes_usage;  ///< free inodes divided by all inodes, 0 to 1
-    double space_usage;   ///< available blocks divided by all blocks, 0 to 1
+    int ok;                                    ///< measured
+    char name[256];                            ///< mount point
+    std::uint64_t free;                        ///< space available to unprivileged users, MiB
+    std::uint64_t total;                       ///< size, MiB
+    double inodes_usage;                       ///< free inodes divided by all inodes, 0 to 1
+    double space_usage;                        ///< available blocks divided by all blocks, 0 to 1
+    std::optional<tarn::mount_probe> probe{};  ///< of a filesystem that another process serves
 };
 
 /// The mounted block-device filesystems and, unless excluded, the tmpfs ones. Listed once, at init.

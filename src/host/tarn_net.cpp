@@ -94,7 +94,7 @@ int net_init(tarn_mycustom_counter& counter) {
 int net_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_net>(counter);
     try {
-        const auto dev = tarn::read_file("/proc/net/dev");
+        const auto dev = tarn::read_kernel_file("/proc/net/dev");
         if (dev) net_parse_dev(*dev, excluded_interface, data);
         data.ok = dev ? 1 : 0;
     } catch (const std::bad_alloc&) {

@@ -62,7 +62,7 @@ os_family family_of(std::span<const family_word> table, std::string_view word) {
     return os_family::unknown;
 }
 
-os_release find_release() {
+os_release read_release() {
     os_release release;
     if (const auto text = tarn::read_file("/etc/os-release")) os_parse_os_release(*text, release);
     for (const release_file& file : release_files) {
@@ -74,9 +74,18 @@ os_release find_release() {
     return release;
 }
 
+/// What the release files tell now. The older ones are watched by reading them.
+const os_release& find_release() {
+    static tarn::file_watch watch;
+    static os_release release;
+    if (watch.has_changed("/etc/os-release") || release.family == os_family::unknown)
+        release = read_release();
+    return release;
+}
+
 /// KiB of resident memory; 0 when the kernel does not tell.
 std::uint32_t resident_memory() {
-    const auto statm = tarn::read_file("/proc/self/statm");
+    const auto statm = tarn::read_kernel_file("/proc/self/statm");
     if (!statm) return 0;
     tarn::scanner fields(*statm);
     std::uint64_t pages = 0;
@@ -85,7 +94,7 @@ std::uint32_t resident_memory() {
 }
 
 std::uint64_t allocated_handles() {
-    const auto file_nr = tarn::read_file("/proc/sys/fs/file-nr");
+    const auto file_nr = tarn::read_kernel_file("/proc/sys/fs/file-nr");
     return file_nr ? tarn::to_number<std::uint64_t>(*file_nr) : 0;
 }
 
@@ -145,7 +154,7 @@ int os_init(tarn_mycustom_counter& counter) {
 }
 
 bool os_update(data_os& data) {
-    const os_release release = find_release();
+    const os_release& release = find_release();
     utsname host{};
     ::uname(&host);
 

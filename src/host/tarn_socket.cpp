@@ -55,7 +55,7 @@ int socket_init(tarn_mycustom_counter& counter) {
 }
 
 bool socket_update(data_socket& data) {
-    const auto sockstat = tarn::read_file("/proc/net/sockstat");
+    const auto sockstat = tarn::read_kernel_file("/proc/net/sockstat");
     if (sockstat) socket_parse_sockstat(*sockstat, data);
     return sockstat.has_value();
 }

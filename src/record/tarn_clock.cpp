@@ -1,5 +1,7 @@
 #include "record/tarn_clock.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <ctime>
@@ -23,6 +25,17 @@ void sleep_one_turn(int margin_ms) {
     const long wait = second_ns + margin_ms * 1'000'000L - now.tv_nsec;
     const timespec duration{wait / second_ns, wait % second_ns};
     ::nanosleep(&duration, nullptr);
+}
+
+tarn::deadline before_next_cycle(long now) {
+    using std::chrono::milliseconds;
+    constexpr auto spare = milliseconds(300);
+    timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    const auto passed = std::chrono::seconds(time.tv_sec - now) + milliseconds(time.tv_nsec / 1'000'000);
+    const milliseconds interval = std::chrono::seconds(config.interval);
+    return tarn::deadline(std::clamp<milliseconds>(interval + milliseconds(reader_margin_ms) - spare - passed,
+                                                   milliseconds(0), interval));
 }
 
 bool is_cycle_second(long t) {

@@ -3,7 +3,9 @@
 #include <csignal>
 #include <cstdint>
 
-/// Set to 1 by the stop signals; every loop tests it once per turn.
+#include "support/tarn_deadline.h"
+
+/// Set to 1 by the stop signals; every loop, and every walk over things that may wait, tests it.
 extern volatile std::sig_atomic_t stop;
 
 /// How long after each full second a loop wakes. The loop that writes into shared memory comes before the one
@@ -17,6 +19,9 @@ void sleep_one_turn(int margin_ms);
 
 /// True when a cycle falls on second `t`: t modulo the report interval equals the agent's random second.
 bool is_cycle_second(long t);
+
+/// When a cycle of the parent that began on second `now` must have ended, so that the next one is not late.
+tarn::deadline before_next_cycle(long now);
 
 /// Tells the seconds on which a loop runs a cycle.
 class cycle_clock final {

@@ -118,8 +118,8 @@ inline int reinit_nothing(tarn_mycustom_counter& /*counter*/) {
     return 1;
 }
 
-/// An operation that does nothing and returns 0 while a client library is not loaded: one body for each form of
-/// operation.
+/// An operation that does nothing and returns 0 while a client library is not loaded: one body for each form
+/// of operation.
 template <auto IsLoaded, auto Operation>
 struct when_loaded_body;
 

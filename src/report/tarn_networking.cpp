@@ -1,6 +1,5 @@
 #include "report/tarn_networking.h"
 
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -20,6 +19,7 @@
 #include "report/tarn_collector.h"
 #include "report/tarn_sign.h"
 #include "support/tarn_deadline.h"
+#include "support/tarn_resolver.h"
 #include "support/tarn_streams.h"
 #include "support/tarn_text.h"
 
@@ -49,9 +49,9 @@ std::span<const char[256]> name_servers() {
     return {config.dns_servers, static_cast<std::size_t>(config.dns_servers_count)};
 }
 
-void resolve_locally() {
+void resolve_locally(tarn::deadline end) {
     trace("Updating server ip via local dns... ");
-    hostname_to_ip(config.serverName, config.serverIp);
+    hostname_to_ip(config.serverName, config.serverIp, end);
     trace("%s ... done \n", config.serverIp);
 }
 
@@ -67,26 +67,26 @@ void take_answer(dns_ctx* /*context*/, dns_rr_a4* answer, void* data) {
     question.is_over = true;
 }
 
-/// Resolves the collector's name as the library's own waiting call does, but a stop signal ends the wait: a
-/// name server that is down costs half a minute.
-dns_answer resolve_collector() {
-    constexpr int longest_wait_s = 1;
+/// Resolves the collector's name as the library's own waiting call does, but only until the deadline, and
+/// until a stop signal: for a name server that is down the library takes half a minute.
+dns_answer resolve_collector(tarn::deadline end) {
     dns_question question;
     if (dns_open(nullptr) < 0) return nullptr;
     if (dns_submit_a4(nullptr, config.serverName, 0, take_answer, &question) == nullptr) return nullptr;
     pollfd polled{dns_sock(nullptr), POLLIN, 0};
-    while (!question.is_over && stop == 0) {
-        const int wait_s = std::clamp(dns_timeouts(nullptr, -1, 0), 0, longest_wait_s);
-        if (!question.is_over && ::poll(&polled, 1, 1000 * wait_s) > 0) dns_ioevent(nullptr, 0);
+    while (!question.is_over && stop == 0 && !end.has_passed()) {
+        const int next_ms = 1000 * std::max(dns_timeouts(nullptr, -1, 0), 0);
+        if (question.is_over) break;
+        if (::poll(&polled, 1, std::min(next_ms, end.left_ms())) > 0) dns_ioevent(nullptr, 0);
     }
     return std::move(question.answer);
 }
 
 /// Asks one name server, given by its address, for the collector's.
-void ask_server(const char* server_ip) {
+void ask_server(const char* server_ip, tarn::deadline end) {
     dns_reset(nullptr);
     dns_add_serv(nullptr, server_ip);
-    const dns_answer answer = resolve_collector();
+    const dns_answer answer = resolve_collector(end);
     if (!answer) {
         std::printf("error 2");
     } else if (answer->dnsa4_nrr < 1) {
@@ -104,28 +104,26 @@ int endsWith(std::string_view text, std::string_view suffix) {
     return text.ends_with(suffix) ? 1 : 0;
 }
 
-int hostname_to_ip(const char* name, char (&text)[17]) {
-    const hostent* const host = ::gethostbyname(name);
-    if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) return 1;
-    in_addr address{};
-    std::copy_n(host->h_addr_list[0], sizeof address, reinterpret_cast<char*>(&address));
-    tarn::copy_terminated(text, tarn::ipv4_text(address));
+int hostname_to_ip(const char* name, char (&text)[17], tarn::deadline end) {
+    const tarn::host_lookup found = tarn::look_up_host(name, end);
+    if (!found.address) return 1;
+    tarn::copy_terminated(text, tarn::ipv4_text(*found.address));
     return 0;
 }
 
-void update_ip() {
+void update_ip(tarn::deadline end) {
     if (config.serverName[0] == '\0') return;
     const auto servers = name_servers();
     if (servers.empty()) {
-        resolve_locally();
+        resolve_locally(end);
         return;
     }
 
     const char* const server = servers[static_cast<std::size_t>(dns_rr_counter)];
     trace("Updating server ip via %s... ", server);
     char server_ip[17] = "";
-    if (hostname_to_ip(server, server_ip) == 0) {
-        ask_server(server_ip);
+    if (hostname_to_ip(server, server_ip, end) == 0) {
+        ask_server(server_ip, end);
     } else {
         std::printf("error 3");
     }
@@ -133,9 +131,9 @@ void update_ip() {
     trace(" ... done \n");
 }
 
-void send_data_tcp(std::span<const std::uint8_t> document) {
+void send_data_tcp(std::span<const std::uint8_t> document, tarn::deadline end) {
     const tarn::stream connection =
-        tarn::connect_tcp(collector_address(), config.port, tarn::timeout_of(config.server_tcp_to));
+        tarn::connect_tcp(collector_address(), config.port, {tarn::timeout_of(config.server_tcp_to), end});
     if (connection.failed == tarn::stream_step::connect) {
         std::printf("could not bind socket or connect whatever (%s) %d %d\n", collector_text(), -1,
                     connection.error);
@@ -179,10 +177,10 @@ void send_data_udp(std::span<const std::uint8_t> document) {
     }
 }
 
-void send_data(std::span<const std::uint8_t> document) {
-    update_ip();
+void send_data(std::span<const std::uint8_t> document, tarn::deadline end) {
+    update_ip(end);
     if (config.proto == IPPROTO_TCP) {
-        send_data_tcp(document);
+        send_data_tcp(document, end);
     } else {
         send_data_udp(document);
     }

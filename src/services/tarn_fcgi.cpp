@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "record/tarn_budget.h"
+#include "services/tarn_service.h"
+
 namespace {
 
 constexpr std::uint8_t protocol_version = 1;
@@ -76,14 +79,10 @@ fcgi_progress process_content(std::span<const char>& bytes, fcgi_record& record)
     return fcgi_progress::incomplete;
 }
 
-bool is_timeout(int error) {
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
-
 /// Receives once into the buffer; empty at the end of the session.
 std::span<const char> receive(const tarn::stream& connection, std::span<char> buffer) {
-    const ssize_t got = tarn::receive_once(connection, buffer);
-    if (got < 0 && !is_timeout(errno)) {
+    const ssize_t got = tarn::receive_reply(connection, buffer);
+    if (got < 0 && errno != EINTR && errno != EAGAIN) {
         std::perror("recv");
         std::exit(EXIT_FAILURE);
     }
@@ -95,7 +94,11 @@ void read_answer(const tarn::stream& connection, tarn::deadline end, const fcgi_
     std::array<char, max_answer> buffer;
     std::size_t total = 0;
     fcgi_record record;
-    while (total < max_answer && !end.has_passed()) {
+    while (total < max_answer) {
+        if (end.has_passed()) {
+            tarn::budget.note_timeout();
+            return;
+        }
         std::span<const char> bytes = receive(connection, std::span(buffer).subspan(total));
         if (bytes.empty()) return;
         total += bytes.size();
@@ -150,7 +153,7 @@ fcgi_progress fcgi_process_record(std::span<const char>& bytes, fcgi_record& rec
 
 void simple_session_1(const tarn::stream& connection, std::string_view status_path, tarn::deadline end,
                       const fcgi_use_record& use) {
-    if (tarn::send_once(connection, fcgi_status_request(status_path)) < 0) {
+    if (tarn::send_request(connection, fcgi_status_request(status_path)) < 0) {
         std::perror("send");
         return;
     }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <span>
 
+#include "record/tarn_budget.h"
 #include "services/tarn_service.h"
 #include "support/tarn_base64.h"
 
@@ -21,9 +22,10 @@ bool read_steps(const char* kind, const stream& connection, deadline end, std::s
     std::size_t length = 0;
     ssize_t got = 0;
     do {
+        if (end.has_passed()) budget.note_timeout();
         if (length > max_answer || end.has_passed()) return false;
         if (answer.size() < length + step_size) answer.resize(2 * answer.size() + step_size);
-        got = receive_once(connection, std::span(answer).subspan(length, step_size));
+        got = receive_reply(connection, std::span(answer).subspan(length, step_size));
         if (got < 0) {
             const int error = errno;
             std::perror("recv");
@@ -81,7 +83,7 @@ std::optional<std::string> fetch_status_page(const char* kind, std::string_view 
 
 std::optional<std::string> fetch_body(const char* kind, const stream& connection, std::string_view request,
                                       deadline end) {
-    if (send_once(connection, request) < 0) {
+    if (send_request(connection, request) < 0) {
         std::perror("write");
         return std::nullopt;
     }

@@ -95,7 +95,7 @@ tarn::stream connect_address(const data_memcache& data) {
 bool memcache_update(data_memcache& data) {
     const tarn::stream connection = data.socket[0] != '\0' ? connect_path(data) : connect_address(data);
     if (!connection) return false;
-    if (tarn::send_once(connection, "stats\r\n") < 0) {
+    if (tarn::send_request(connection, "stats\r\n") < 0) {
         std::perror("write() failed");
         return false;
     }

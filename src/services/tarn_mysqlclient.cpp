@@ -1,16 +1,14 @@
 // The MySQL client library, reached through the eleven functions that are looked up in it.
 #include "services/tarn_mysqlclient.h"
 
-#include <fcntl.h>
-
 #include <cstdio>
 #include <string>
 
 #include "record/tarn_config.h"
+#include "services/tarn_service.h"
+#include "services/tarn_socket_deadline.h"
 #include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
-#include "support/tarn_files.h"
-#include "support/tarn_socket_deadline.h"
 #include "support/tarn_text.h"
 
 namespace {
@@ -72,12 +70,6 @@ void set_timeout(st_mysql* connection, int option, int seconds) {
     library.options(connection, option, &number);
 }
 
-/// The descriptor that the library's next socket will get: the lowest free one. Not every library can be
-/// asked.
-int next_descriptor() {
-    return tarn::unique_fd(::open("/dev/null", O_RDONLY | O_CLOEXEC)).get();
-}
-
 }  // namespace
 
 int init_mysql_lib() {
@@ -136,19 +128,25 @@ mysql_connection mysql_prepare() {
 
 bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
     if (!connection) return false;
+    const auto host = looked_up_host(address.host);
+    connection.get_deleter().is_late = !host;
+    if (!host) return false;
     connection.get_deleter().socket = next_descriptor();
     // Twice the time-out: once for the first byte, once for all the rest.
-    const socket_deadline deadline(connection.get_deleter().socket, 2 * timeout_of(config.mysql_connect_to));
-    return library.real_connect(connection.get(), address.host, address.user, address.password, nullptr,
+    const auto timeout = timeout_of(config.mysql_connect_to);
+    const socket_deadline deadline(connection.get_deleter().socket, timeout, 2 * timeout);
+    return library.real_connect(connection.get(), host->c_str(), address.user, address.password, nullptr,
                                 address.port, address.socket, 0) != nullptr;
 }
 
 const char* mysql_error_text(const mysql_connection& connection) {
+    if (connection.get_deleter().is_late) return "the look-up of the host took too long";
     return connection ? library.error(connection.get()) : "out of memory";
 }
 
 mysql_rows::mysql_rows(const mysql_connection& connection, const char* statement, unsigned columns) {
-    const socket_deadline deadline(connection.get_deleter().socket, 2 * timeout_of(config.mysql_read_to));
+    const auto timeout = timeout_of(config.mysql_read_to);
+    const socket_deadline deadline(connection.get_deleter().socket, timeout, 2 * timeout);
     if (library.query(connection.get(), statement) != 0) return;
     st_mysql_res* const result = library.store_result(connection.get());
     if (result == nullptr) return;

@@ -32,7 +32,8 @@ template <auto Operation>
 constexpr auto with_mysql = when_loaded<is_mysql_loaded, Operation>;
 
 struct mysql_closer {
-    int socket = -1;  ///< descriptor of the connection
+    int socket = -1;       ///< descriptor of the connection
+    bool is_late = false;  ///< the look-up of the host took too long
 
     void operator()(st_mysql* connection) const;
 };
@@ -55,10 +56,10 @@ struct mysql_address {
 /// not ask it for local files, nor choose a log-in method that gives the password away.
 mysql_connection mysql_prepare();
 
-/// Connects; false when that fails, mysql_error_text() then says why.
+/// Connects; false when that fails, for the reason that mysql_error_text() returns then.
 bool mysql_connect(mysql_connection& connection, const mysql_address& address);
 
-/// What the library says of the last failure.
+/// The reason of the last failure.
 const char* mysql_error_text(const mysql_connection& connection);
 
 /// The rows of one statement. A statement that fails, or whose rows have fewer columns than wanted, has none.

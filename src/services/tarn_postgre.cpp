@@ -9,7 +9,7 @@
 #include "record/tarn_config.h"
 #include "services/tarn_postgreclient.h"
 #include "services/tarn_service.h"
-#include "support/tarn_socket_deadline.h"
+#include "services/tarn_socket_deadline.h"
 
 namespace {
 
@@ -119,9 +119,12 @@ tarn::postgre_connection log_in(const data_postgre& data) {
         std::fprintf(stderr, "\nFailed to connect to database!");
         return nullptr;
     }
-    tarn::postgre_connection connection = tarn::postgre_log_in(data.host, port, data.user, data.pass);
+    const auto host = tarn::looked_up_host(data.host);
+    tarn::postgre_connection connection;
+    if (host) connection = tarn::postgre_log_in(host->c_str(), port, data.user, data.pass);
     if (tarn::postgre_is_connected(connection)) return connection;
-    const char* const error = tarn::postgre_error_text(connection);
+    const char* const error =
+        host ? tarn::postgre_error_text(connection) : "the look-up of the host took too long";
     if (data.socket[0] != '\0') {
         std::printf("\nFailed to connect to postgres database: %s %s %s Error: %s \n", data.user, "***",
                     data.socket, error);
@@ -200,8 +203,8 @@ int postgre_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_postgre>(counter);
     const tarn::postgre_connection connection = log_in(data);
     if (!connection) return 0;
-    const tarn::socket_deadline deadline(tarn::postgre_socket(connection),
-                                         exchange_timeouts * tarn::timeout_of(config.counter_tcp_to));
+    const auto limit = exchange_timeouts * tarn::timeout_of(config.counter_tcp_to);
+    const tarn::socket_deadline deadline(tarn::postgre_socket(connection), limit, limit);
     data.ok = 0;
     data.ok = read_all(connection, data) ? 1 : 0;
     return data.ok;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "record/tarn_config.h"
+#include "services/tarn_socket_deadline.h"
 #include "support/tarn_deadline.h"
 #include "support/tarn_dynamic_library.h"
 #include "support/tarn_files.h"
@@ -138,6 +139,8 @@ void postgre_finisher::operator()(pg_conn* connection) const {
 postgre_connection postgre_log_in(const char* host, const char* port, const char* user,
                                   const char* password) {
     const quiet_errors while_logging_in;
+    const auto timeout = timeout_of(config.counter_tcp_to);
+    const socket_deadline deadline(next_descriptor(), timeout, 2 * timeout);
     postgre_connection connection(
         library.setdbLogin(host, port, nullptr, nullptr, "postgres", user, password));
     if (connection && library.setNoticeProcessor != nullptr)

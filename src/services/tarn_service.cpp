@@ -1,11 +1,32 @@
 #include "services/tarn_service.h"
 
+#include <cerrno>
 #include <cstdio>
 
 #include "docker/tarn_docker_core.h"
+#include "record/tarn_budget.h"
 #include "record/tarn_config.h"
+#include "support/tarn_resolver.h"
 
 namespace tarn {
+namespace {
+
+wait_limit service_limit() {
+    return budget.limit(timeout_of(config.counter_tcp_to));
+}
+
+/// Tells the budget of a wait that took too long.
+stream noted(stream connection) {
+    if (!connection) budget.note_failure(connection.error);
+    return connection;
+}
+
+ssize_t noted(ssize_t result) {
+    if (result < 0) budget.note_failure(errno);
+    return result;
+}
+
+}  // namespace
 
 service_conf::service_conf(const tarn_mycustom_counter& counter, std::string_view separators)
     : text_(text_of(counter.cfg_string)) {
@@ -44,21 +65,39 @@ std::optional<std::string> service_host(const char* kind, int in_docker, std::st
     return std::nullopt;
 }
 
+std::optional<std::string> looked_up_host(const std::string& host) {
+    // "localhost" and a path mean a Unix socket to the libraries.
+    if (host.empty() || host == "localhost" || host.starts_with('/')) return host;
+    const host_lookup found =
+        look_up_host(host.c_str(), budget.end_within(timeout_of(config.counter_tcp_to)));
+    if (found.address) return ipv4_text(*found.address);
+    if (!found.is_late) return host;
+    budget.note_timeout();
+    return std::nullopt;
+}
+
 stream connect_service(std::string_view host, int port) {
-    return connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port,
-                       timeout_of(config.counter_tcp_to));
+    return noted(connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port, service_limit()));
 }
 
 stream connect_service_path(std::string_view path) {
-    return connect_unix(path, timeout_of(config.counter_tcp_to));
+    return noted(connect_unix(path, service_limit()));
+}
+
+ssize_t send_request(const stream& connection, std::string_view request) {
+    return noted(send_once(connection, request));
+}
+
+ssize_t receive_reply(const stream& connection, std::span<char> buffer) {
+    return noted(receive_once(connection, buffer));
 }
 
 deadline answer_deadline(int timeouts) {
-    return deadline(timeouts * timeout_of(config.counter_tcp_to));
+    return budget.end_within(timeouts * timeout_of(config.counter_tcp_to));
 }
 
 std::optional<std::string_view> read_reply(const stream& connection, std::span<char> buffer) {
-    const ssize_t got = receive_once(connection, buffer);
+    const ssize_t got = receive_reply(connection, buffer);
     if (got < 0) return std::nullopt;
     const std::string_view reply(buffer.data(), static_cast<std::size_t>(got));
     return reply.substr(0, reply.find('\0'));
@@ -66,7 +105,7 @@ std::optional<std::string_view> read_reply(const stream& connection, std::span<c
 
 std::optional<std::string_view> ask_once(const stream& connection, std::string_view request,
                                          std::span<char> buffer) {
-    if (send_once(connection, request) < 0) return std::nullopt;
+    if (send_request(connection, request) < 0) return std::nullopt;
     return read_reply(connection, buffer);
 }
 

@@ -78,14 +78,23 @@ int read_container(std::string_view host, char (&name)[128]);
 std::optional<std::string> service_host(const char* kind, int in_docker, std::string_view container,
                                         std::string_view host);
 
-/// Connects to a TCP service; every step has the time-out `counter_tcp_to`. A host that is not a dotted IPv4
-/// address is not looked up: the connect fails.
+/// The host as a client library is to get it. A name is looked up here, because a library would wait for a
+/// name server without a limit; one that has no IPv4 address is left to the library. Nothing when the look-up
+/// took too long.
+std::optional<std::string> looked_up_host(const std::string& host);
+
+/// Connects to a TCP service; every step has the time-out `counter_tcp_to`, within the budget of the cycle. A
+/// host that is not a dotted IPv4 address is not looked up: the connect fails.
 stream connect_service(std::string_view host, int port);
 
 /// Connects to a Unix-domain socket, as connect_service().
 stream connect_service_path(std::string_view path);
 
-/// By when an answer of many reads must be complete: so many time-outs from now.
+/// send_once() and receive_once() on a service's connection.
+ssize_t send_request(const stream& connection, std::string_view request);
+ssize_t receive_reply(const stream& connection, std::span<char> buffer);
+
+/// By when an answer of many reads must be complete: so many time-outs from now, and within the budget.
 deadline answer_deadline(int timeouts);
 
 /// Reads once, at most as much as the buffer holds. The reply is a text: it ends at a zero byte. Nothing for

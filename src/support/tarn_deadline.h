@@ -23,6 +23,9 @@ class deadline final {
                                                 : std::max(end_ - clock::now(), clock::duration::zero());
     }
 
+    /// The earlier of two deadlines.
+    [[nodiscard]] deadline or_before(deadline other) const { return other.end_ < end_ ? other : *this; }
+
     /// What is left in milliseconds, rounded up, as poll() takes it.
     [[nodiscard]] int left_ms() const {
         constexpr std::chrono::milliseconds longest(std::numeric_limits<int>::max());
@@ -32,6 +35,15 @@ class deadline final {
 
   private:
     clock::time_point end_ = clock::time_point::max();
+};
+
+/// How long an exchange may wait: each step for so long, and none of them beyond a deadline.
+struct wait_limit {
+    deadline::clock::duration step = deadline::clock::duration::max();
+    deadline end;
+
+    /// What the next step may wait; zero when no time is left.
+    [[nodiscard]] deadline::clock::duration next() const { return std::min(step, end.left()); }
 };
 
 /// A time-out as it is configured, in seconds: less than 1 counts as 1, and a day is the longest.

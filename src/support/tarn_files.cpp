@@ -21,6 +21,24 @@ bool grow(std::vector<char>& buffer) {
     return true;
 }
 
+/// Reads until `is_last` holds after a piece of `got` bytes.
+template <typename IsLast>
+std::optional<std::string_view> read_pieces(const char* path, int directory, IsLast is_last) {
+    static std::vector<char> buffer;
+    const unique_fd file(::openat(directory, path, O_RDONLY | O_CLOEXEC));
+    if (!file) return std::nullopt;
+
+    std::size_t length = 0;
+    while (length < buffer.size() || grow(buffer)) {
+        const ssize_t got = ::read(file.get(), buffer.data() + length, buffer.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        length += static_cast<std::size_t>(got);
+        if (is_last(std::string_view(buffer.data(), length), static_cast<std::size_t>(got))) break;
+    }
+    return std::string_view(buffer.data(), length);
+}
+
 }  // namespace
 
 directory_reader::directory_reader(const char* path)
@@ -42,19 +60,31 @@ const char* directory_reader::next() {
 }
 
 std::optional<std::string_view> read_file(const char* path, int directory) {
-    static std::vector<char> buffer;
+    return read_pieces(path, directory, [](std::string_view /*text*/, std::size_t got) { return got == 0; });
+}
 
-    const unique_fd file(::openat(directory, path, O_RDONLY | O_CLOEXEC));
-    if (!file) return std::nullopt;
+std::optional<std::string_view> read_kernel_file(const char* path, std::string_view enough, int directory) {
+    // A file of lines is handed out in pieces of a page, each filled as long as the next line fits. A read
+    // that leaves room for any line was the last.
+    constexpr std::size_t page = 4096;
+    constexpr std::size_t longest_line = 512;
+    return read_pieces(path, directory, [enough](std::string_view text, std::size_t got) {
+        if (got < page - longest_line) return true;
+        return !enough.empty() && text.find(enough) != std::string_view::npos;
+    });
+}
 
-    std::size_t length = 0;
-    while (length < buffer.size() || grow(buffer)) {
-        const ssize_t got = ::read(file.get(), buffer.data() + length, buffer.size() - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        length += static_cast<std::size_t>(got);
-    }
-    return std::string_view(buffer.data(), length);
+bool file_watch::has_changed(const char* path) {
+    struct stat now {};
+    if (::stat(path, &now) != 0) now = {};
+    const auto same_time = [](const timespec& one, const timespec& other) {
+        return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+    };
+    const bool is_same = now.st_ino != 0 && now.st_ino == last_.st_ino && now.st_dev == last_.st_dev &&
+                         now.st_size == last_.st_size && same_time(now.st_mtim, last_.st_mtim) &&
+                         same_time(now.st_ctim, last_.st_ctim);
+    last_ = now;
+    return !is_same;
 }
 
 }  // namespace tarn

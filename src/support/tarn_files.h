@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -77,5 +78,21 @@ class directory_reader final {
 /// empty; what lies beyond 16 MiB is left out. Nothing is returned when the file cannot be opened.
 /// A relative path starts at the directory of descriptor `directory`.
 std::optional<std::string_view> read_file(const char* path, int directory = AT_FDCWD);
+
+/// As read_file(), for the files of /proc and /sys: without the last read that only shows the end, and only
+/// up to the piece that holds the text `enough`. The kernel makes up such a file anew for every read.
+std::optional<std::string_view> read_kernel_file(const char* path, std::string_view enough = {},
+                                                 int directory = AT_FDCWD);
+
+/// Tells whether a file has changed, by what the system keeps about it.
+class file_watch final {
+  public:
+    /// True for the first call, when the file at this path is not the same as at the call before, and when
+    /// there is none.
+    bool has_changed(const char* path);
+
+  private:
+    struct stat last_ {};
+};
 
 }  // namespace tarn

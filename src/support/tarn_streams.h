@@ -3,16 +3,17 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "support/tarn_deadline.h"
 #include "support/tarn_files.h"
 
 /// The one place where stream sockets are opened. Every wait on them is bounded, no write to them raises
-/// SIGPIPE, and none of them survives an exec.
+/// SIGPIPE, and none of them survives an exec. A wait for which no time is left fails at once, as it does
+/// when its time-out expires.
 namespace tarn {
 
 /// The step at which opening a stream failed, so that each caller can report it in its own words.
@@ -23,6 +24,7 @@ struct stream {
     unique_fd socket;
     stream_step failed = stream_step::none;
     int error = 0;
+    wait_limit limit{};
 
     explicit operator bool() const { return static_cast<bool>(socket); }
 };
@@ -33,11 +35,11 @@ std::optional<in_addr> parse_ipv4(std::string_view text);
 /// The dotted text of an IPv4 address.
 std::string ipv4_text(in_addr address);
 
-/// Connects to an IPv4 address. The connect, each send and each receive wait at most for the time-out.
-stream connect_tcp(in_addr address, int port, std::chrono::seconds timeout);
+/// Connects to an IPv4 address. The connect, each send and each receive obey the limit.
+stream connect_tcp(in_addr address, int port, const wait_limit& limit);
 
 /// Connects to a Unix-domain socket, as connect_tcp(). A path of 108 bytes and more is cut there.
-stream connect_unix(std::string_view path, std::chrono::seconds timeout);
+stream connect_unix(std::string_view path, const wait_limit& limit);
 
 /// Sends everything with one call; returns the bytes taken, or -1 with errno set.
 ssize_t send_once(const stream& connection, std::span<const std::byte> bytes);
@@ -46,6 +48,9 @@ ssize_t send_once(const stream& connection, std::string_view text);
 /// Receives once, as much as has come and fits; 0 when the peer has closed, -1 with errno set for a failure,
 /// an expired time-out among them.
 ssize_t receive_once(const stream& connection, std::span<char> buffer);
+
+/// True for the error number of a wait that took too long, be it a connect, a send or a receive.
+bool is_timeout(int error);
 
 /// Prints a message and the system's text for an error number on standard error.
 void print_error(const char* message, int error);

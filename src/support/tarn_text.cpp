@@ -15,10 +15,24 @@ std::string_view remove_newline_ch(std::string_view line) {
 }
 
 std::string_view next_token(std::string_view& rest, std::string_view delimiters) {
-    rest.remove_prefix(std::min(rest.find_first_not_of(delimiters), rest.size()));
-    const std::string_view token = rest.substr(0, rest.find_first_of(delimiters));
+    // One delimiter, which is the usual case, is looked for faster than a set of them.
+    const bool is_one = delimiters.size() == 1;
+    const char first = delimiters.front();
+    rest.remove_prefix(
+        std::min(is_one ? rest.find_first_not_of(first) : rest.find_first_not_of(delimiters), rest.size()));
+    const std::string_view token = rest.substr(0, is_one ? rest.find(first) : rest.find_first_of(delimiters));
     rest.remove_prefix(std::min(token.size() + 1, rest.size()));
     return token;
+}
+
+std::string_view next_word(std::string_view& rest) {
+    rest.remove_prefix(leading_blanks(rest));
+    std::size_t length = 0;
+    while (length < rest.size() && !is_blank(rest[length]))
+        ++length;
+    const std::string_view word = rest.substr(0, length);
+    rest.remove_prefix(std::min(length + 1, rest.size()));
+    return word;
 }
 
 bool in_excludelist(std::string_view name, const char (*masks)[256], int count) {
@@ -97,14 +111,14 @@ bool scanner::skip(int count) {
 }
 
 bool scanner::literal(std::string_view text) {
-    rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size()));
+    rest_.remove_prefix(leading_blanks(rest_));
     if (!rest_.starts_with(text)) return false;
     rest_.remove_prefix(text.size());
     return true;
 }
 
 std::string_view scanner::until(char separator) {
-    rest_.remove_prefix(std::min(rest_.find_first_not_of(blanks), rest_.size()));
+    rest_.remove_prefix(leading_blanks(rest_));
     const std::string_view before = rest_.substr(0, rest_.find(separator));
     rest_.remove_prefix(std::min(before.size() + 1, rest_.size()));
     return before;

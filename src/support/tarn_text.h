@@ -18,6 +18,19 @@ namespace tarn {
 /// The blanks of the C locale: what separates words in a scanf format.
 inline constexpr std::string_view blanks = " \t\n\v\f\r";
 
+/// True for one of the blanks.
+constexpr bool is_blank(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/// How many blanks a text begins with.
+constexpr std::size_t leading_blanks(std::string_view text) {
+    std::size_t count = 0;
+    while (count < text.size() && is_blank(text[count]))
+        ++count;
+    return count;
+}
+
 /// The text held in a fixed array: up to its first zero byte, or the whole array when there is none.
 template <typename Char, std::size_t Size>
 requires(sizeof(Char) == 1) std::string_view text_of(const Char (&field)[Size]) {
@@ -47,7 +60,7 @@ requires(sizeof(Char) == 1) void copy_padded(Char (&field)[Size], std::string_vi
 /// Returns the number of characters taken; 0 when there is no number, and `value` is then unchanged.
 template <std::integral Number>
 std::size_t read_number(std::string_view text, Number& value) {
-    std::size_t at = std::min(text.find_first_not_of(blanks), text.size());
+    std::size_t at = leading_blanks(text);
     const bool negative = at < text.size() && text[at] == '-';
     if (negative || (at < text.size() && text[at] == '+')) ++at;
 
@@ -98,6 +111,9 @@ void strcpyfilter(std::string_view source, char (&destination)[Size], char chara
 /// when nothing is left.
 std::string_view next_token(std::string_view& rest, std::string_view delimiters);
 
+/// As next_token(), for words that are separated by blanks.
+std::string_view next_word(std::string_view& rest);
+
 /// True when `name` matches one of the first `count` masks: a mask of more than one character that ends in
 /// "*" matches every name that begins with what stands before the "*", any other mask only the same name.
 bool in_excludelist(std::string_view name, const char (*masks)[256], int count);
@@ -132,7 +148,7 @@ class scanner {
     explicit scanner(std::string_view text) : rest_(text) {}
 
     /// The next run of non-blank characters; empty at the end of the text.
-    std::string_view word() { return next_token(rest_, blanks); }
+    std::string_view word() { return next_word(rest_); }
 
     /// Passes over `count` words; false when there are fewer.
     bool skip(int count);

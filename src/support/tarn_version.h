@@ -1,7 +1,7 @@
 #pragma once
 
-/// The agent's own version, as reported and printed.
-inline constexpr const char* tarn_version = "0.6.3";
+/// The agent's own version, as reported and printed; the build system has it.
+inline constexpr const char* tarn_version = TARN_VERSION;
 
 /// A version of which only the first two numbers count.
 struct tarn_version_info {

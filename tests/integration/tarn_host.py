@@ -14,7 +14,7 @@ from pathlib import Path
 import bson
 from bson.int64 import Int64
 
-BUILD = Path(os.environ.get("TARN_BUILD", Path(__file__).parents[2] / "build"))
+BUILD = Path(os.environ.get("TARN_BUILD", Path(__file__).parents[2] / "build-dev"))
 PID_FILE = Path("/var/run/tarn.pid")
 os.environ["LSAN_OPTIONS"] = f"print_suppressions=0:suppressions={Path(__file__).parent}/lsan.supp"
 

@@ -36,6 +36,7 @@ TEST(Captures, AnswersBecomeElementsAndRates) {
             if (step == 0) counter->delta(*counter, 15, 1);
             text += element_of(*counter) + printed_by([&] { counter->dump(*counter); });
         }
+        counter->free(*counter);
     }
     expect_golden("captures.txt", text);
 }

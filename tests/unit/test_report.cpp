@@ -56,7 +56,8 @@ TEST_F(Report, EveryElementOfTheHostByteForByte) {
     allocated<tarn_mycustom_data_cpu>(core_cpu, delta) = {1, 0.5F, 8, 1, 2, 3, 4, 5, 6, 7, 8, 9, 100};
     allocated<tarn_mycustom_data_socket>(core_socket, data) = {1, 12, 40, 3, 5};
     auto& mounts = allocated<tarn_mycustom_data_mount>(core_mount, data);
-    mounts.mibmount_list = {{1, "/", 976, 3906, 0.25, 0.5}, {1, "/mnt/\xFF", 0, 0, 0, 0}};
+    mounts.mibmount_list.push_back({1, "/", 976, 3906, 0.25, 0.5});
+    mounts.mibmount_list.push_back({1, "/mnt/\xFF", 0, 0, 0, 0});
     auto& disks = allocated<tarn_mycustom_data_disk>(core_disk, delta);
     disks.mibdisk_list = {{1, "sda", 1, 2, 3, 4, 5, 6, 7, 50.0F, 1.5F},
                           {0, "sdb", 1, 1, 1, 1, 1, 1, 1, 1, 1}};

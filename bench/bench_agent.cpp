@@ -1,0 +1,103 @@
+// What the agent costs a host: CPU time and memory of its two processes at an interval of one second, beside
+// a process that opens, reads and closes the same files once a second and does nothing else.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bench_host.h"
+
+namespace {
+
+struct usage {
+    double cpu_us = 0;  ///< since the start of the process
+    long resident_kib = 0;
+    long proportional_kib = 0;
+};
+
+usage& operator+=(usage& sum, const usage& other) {
+    sum.cpu_us += other.cpu_us;
+    sum.resident_kib += other.resident_kib;
+    sum.proportional_kib += other.proportional_kib;
+    return sum;
+}
+
+std::string proc(pid_t pid, const char* file) {
+    return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+usage usage_of(pid_t pid) {
+    usage found;
+    std::ifstream(proc(pid, "schedstat")) >> found.cpu_us;
+    found.cpu_us /= 1000;
+    std::ifstream rollup(proc(pid, "smaps_rollup"));
+    for (std::string word; rollup >> word;) {
+        if (word == "Rss:") rollup >> found.resident_kib;
+        if (word == "Pss:") rollup >> found.proportional_kib;
+    }
+    return found;
+}
+
+/// A process and its children.
+usage usage_of_family(pid_t pid) {
+    usage sum = usage_of(pid);
+    std::ifstream children(proc(pid, ("task/" + std::to_string(pid) + "/children").c_str()));
+    for (pid_t child = 0; children >> child;)
+        sum += usage_of(child);
+    return sum;
+}
+
+pid_t start_agent(const std::string& config) {
+    std::ofstream(config) << "id 1650811758\naddress 127.0.0.1\nport 9\ninterval 1\nsecret s\n";
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(127);
+    ::execl(AGENT, AGENT, "--config", config.c_str(), "--conf-glob", "/no/such", nullptr);
+    ::_exit(127);
+}
+
+/// Woken by the same clock as the agent.
+pid_t start_floor(const std::vector<std::string>& mounts) {
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    for (;;) {
+        ::sleep(1);
+        read_same_files(mounts);
+    }
+}
+
+void end(pid_t pid) {
+    ::kill(pid, SIGTERM);
+    ::waitpid(pid, nullptr, 0);
+}
+
+}  // namespace
+
+void print_agent_cost() {
+    constexpr unsigned warm_up = 4;
+    constexpr unsigned seconds = 20;
+    const std::string config = "/tmp/tarn-bench-" + std::to_string(::getpid()) + ".conf";
+    const pid_t agent = start_agent(config);
+    const pid_t floor = start_floor(measured_mounts());
+    ::sleep(warm_up);
+    const usage agent_before = usage_of_family(agent);
+    const usage floor_before = usage_of(floor);
+    ::sleep(seconds);
+    const usage agent_after = usage_of_family(agent);
+    const usage floor_after = usage_of(floor);
+    end(agent);
+    end(floor);
+    std::filesystem::remove(config);
+    std::printf(
+        "\none sample a second, both processes: %.0f us of CPU; same files read by one process: %.0f us\n",
+        (agent_after.cpu_us - agent_before.cpu_us) / seconds,
+        (floor_after.cpu_us - floor_before.cpu_us) / seconds);
+    std::printf("memory of both processes: %ld KiB resident, %ld KiB proportional\n",
+                agent_after.resident_kib, agent_after.proportional_kib);
+}

@@ -1,0 +1,39 @@
+#include "record/tarn_budget.h"
+
+#include <algorithm>
+
+#include "support/tarn_streams.h"
+
+namespace tarn {
+
+cycle_budget budget;
+
+void cycle_budget::begin_cycle(duration total) {
+    end_of_cycle_ = deadline(total);
+    end_of_exchange_ = end_of_cycle_;
+    timed_out_ = skipped_ = false;
+}
+
+void cycle_budget::end_cycle() {
+    end_of_cycle_ = end_of_exchange_ = deadline();
+}
+
+void cycle_budget::begin_exchange(std::size_t others, duration slot) {
+    timed_out_ = skipped_ = false;
+    end_of_exchange_ = end_of_cycle_;
+    const duration left = end_of_cycle_.left();
+    if (left == duration::max()) return;
+    const auto count = static_cast<duration::rep>(others);
+    end_of_exchange_ = deadline(std::max(left - count * slot, left / (count + 1)));
+}
+
+deadline cycle_budget::end_of_half() const {
+    const duration left = end_of_exchange_.left();
+    return left == duration::max() ? deadline() : deadline(left / 2);
+}
+
+void cycle_budget::note_failure(int error) {
+    if (is_timeout(error)) timed_out_ = true;
+}
+
+}  // namespace tarn
