@@ -1,9 +1,8 @@
-// What the agent costs a host: CPU time and memory of its two processes at an interval of one second, beside
-// a process that opens, reads and closes the same files once a second and does nothing else.
+// CPU time and memory of the agent's two processes at an interval of one second, compared with a process that
+// only opens, reads and closes the same files once a second.
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -44,7 +43,7 @@ usage usage_of(pid_t pid) {
     return found;
 }
 
-/// A process and its children.
+/// The usage of a process and its children.
 usage usage_of_family(pid_t pid) {
     usage sum = usage_of(pid);
     std::ifstream children(proc(pid, ("task/" + std::to_string(pid) + "/children").c_str()));
@@ -62,7 +61,7 @@ pid_t start_agent(const std::string& config) {
     ::_exit(127);
 }
 
-/// Woken by the same clock as the agent.
+/// Starts the process to compare with, which wakes once a second as the agent does.
 pid_t start_floor(const std::vector<std::string>& mounts) {
     const pid_t pid = ::fork();
     if (pid != 0) return pid;

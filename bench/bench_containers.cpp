@@ -1,5 +1,5 @@
-// The refresh of the container table, which asks the engine about every container once per cycle: the time
-// per container must stay flat. The engine gives every request the answer that a real one gave.
+// The refresh of the container table, which makes one request per container: the time per container must stay
+// constant. A fake engine answers every request with the captured answer of a real one.
 #include <benchmark/benchmark.h>
 
 #include <string>

@@ -1,5 +1,5 @@
-// The sample cycle of the host beside its floor: the same files opened, read and closed, the same directory
-// walked, the same filesystems asked, and nothing done with any of it.
+// The sample cycle of the host, compared with its floor: the same files are opened, read and closed, the same
+// directory is read and the same filesystems are queried, and the results are discarded.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/statvfs.h>

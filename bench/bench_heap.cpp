@@ -1,4 +1,4 @@
-// Memory over many cycles: every call of the allocator is counted, and the heap is measured before and after.
+// Memory over many cycles: calls of the allocator are counted, and the heap is measured before and after.
 #include <malloc.h>
 
 #include <cstdio>
@@ -9,7 +9,7 @@
 #include "support/tarn_text.h"
 
 extern "C" {
-// The C library's own allocator under its second name, so that malloc() itself can be replaced by a counter.
+// The C library's allocator under its second name, so that malloc() can be replaced by one that counts.
 void* __libc_malloc(std::size_t size);                // NOLINT(bugprone-reserved-identifier)
 void* __libc_realloc(void* block, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
 

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-/// What one cycle of the host counters is: update, delta, document, signature. Returns the packet's size.
+/// Runs one cycle of the host counters: update, delta, report, signature. Returns the packet size in bytes.
 std::size_t one_cycle();
 
-/// Binds and initialises the seven host counters and takes the baseline sample; frees them at the end.
+/// Binds and initialises the seven host counters and runs two cycles; frees the counters at the end.
 class host_counters final {
   public:
     host_counters();
@@ -19,14 +19,14 @@ class host_counters final {
 /// The mount points that the agent measures.
 std::vector<std::string> measured_mounts();
 
-/// Opens, reads and closes the files of a cycle, walks the same directory and asks the same filesystems.
+/// Opens, reads and closes the files of a cycle, reads the same directory and queries the same filesystems.
 void read_same_files(const std::vector<std::string>& mounts);
 
-/// Runs the agent for some seconds and prints what it costs.
+/// Runs the agent for 24 seconds and prints its CPU time and memory.
 void print_agent_cost();
 
-/// Calls of the C library's allocator since the start of the process.
+/// The number of calls of the C library's allocator since the start of the process.
 std::size_t allocations();
 
-/// Runs cycles and prints what became of the heap and of the resident memory.
+/// Runs 10000 cycles and prints how the heap and the resident memory have changed.
 void print_heap_growth();

@@ -1,3 +1,4 @@
+// Runs the benchmarks and compares the cycle with its floor; then measures heap growth and the real agent.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -8,8 +9,8 @@
 
 namespace {
 
-/// Prints as usual and keeps the medians.
-class keeping_reporter final : public benchmark::ConsoleReporter {
+/// Prints to the console and keeps the medians.
+class median_reporter final : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
@@ -26,7 +27,7 @@ class keeping_reporter final : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    keeping_reporter reporter;
+    median_reporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const auto cycle = reporter.medians.find("cycle");
     const auto floor = reporter.medians.find("floor");

@@ -1,3 +1,4 @@
+// Connections are served one at a time, in the order in which the benchmarks open them.
 #include "bench_peer.h"
 
 #include <arpa/inet.h>
@@ -12,26 +13,26 @@
 namespace {
 
 int listen_on_path(const std::string& path) {
-    sockaddr_un place{};
-    place.sun_family = AF_UNIX;
-    path.copy(place.sun_path, sizeof place.sun_path - 1);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ::unlink(path.c_str());
-    ::bind(listener, reinterpret_cast<const sockaddr*>(&place), sizeof place);
+    ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     ::listen(listener, SOMAXCONN);
     return listener;
 }
 
 int listen_on_loopback(int& port) {
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    place.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof place;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
     const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ::bind(listener, reinterpret_cast<const sockaddr*>(&place), sizeof place);
+    ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     ::listen(listener, SOMAXCONN);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&place), &length);
-    port = ::ntohs(place.sin_port);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ::ntohs(address.sin_port);
     return listener;
 }
 
@@ -53,12 +54,12 @@ peer::~peer() {
 
 void peer::serve() {
     for (int connection = 0; (connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-        converse(connection);
+        answer_requests(connection);
         ::close(connection);
     }
 }
 
-void peer::converse(int connection) {
+void peer::answer_requests(int connection) {
     std::array<char, 65536> buffer{};
     for (std::size_t answer = 0; answer < answers_.size(); ++answer) {
         const ssize_t length = ::recv(connection, buffer.data(), buffer.size(), 0);
@@ -66,7 +67,7 @@ void peer::converse(int connection) {
         request_sizes_[answer] = static_cast<std::size_t>(length);
         ::send(connection, answers_[answer].data(), answers_[answer].size(), MSG_NOSIGNAL);
     }
-    // A client that reads to the end gets one; one that keeps the connection closes it itself.
+    // Ends the stream for a client that reads to the end, and waits until the client closes the connection.
     ::shutdown(connection, SHUT_WR);
     while (::recv(connection, buffer.data(), buffer.size(), 0) > 0) {
     }

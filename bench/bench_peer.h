@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-/// A server in a thread of its own that gives the same answers on every connection: to each read of the
-/// client's bytes the next of them.
+/// A server in its own thread. On every connection it sends the same answers in order, one for each request
+/// that it reads.
 class peer final {
   public:
     /// Listens on a free port of the loopback interface, or on a Unix socket when a path is given.
@@ -23,7 +23,7 @@ class peer final {
 
   private:
     void serve();
-    void converse(int connection);
+    void answer_requests(int connection);
 
     std::vector<std::string> answers_;
     std::vector<std::atomic<std::size_t>> request_sizes_;

@@ -1,9 +1,8 @@
-// The cycle against faked tables of interfaces and disks: the time per item must stay flat. The tables are
-// mounted over the kernel's in a mount namespace of the benchmark's own.
+// The cycle with faked tables of interfaces and disks: the time per item must stay constant. The tables are
+// mounted over the kernel's in a private mount namespace.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -16,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Tables of `count` interfaces and disks in place of the kernel's, as long as this object lives.
+/// Replaces the kernel's tables with ones of `count` interfaces and disks for the lifetime of this object.
 class faked_tables final {
   public:
     explicit faked_tables(long count) {
@@ -38,13 +37,13 @@ class faked_tables final {
         ok_ = ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
         dev.close();
         diskstats.close();
-        for (const auto& [file, place] : places) {
-            ok_ = ok_ && ::mount((root_ / file).c_str(), place, nullptr, MS_BIND, nullptr) == 0;
+        for (const auto& [file, target] : targets) {
+            ok_ = ok_ && ::mount((root_ / file).c_str(), target, nullptr, MS_BIND, nullptr) == 0;
         }
     }
     ~faked_tables() {
-        for (const auto& [file, place] : places)
-            ::umount2(place, MNT_DETACH);
+        for (const auto& [file, target] : targets)
+            ::umount2(target, MNT_DETACH);
         fs::remove_all(root_);
     }
     faked_tables(const faked_tables&) = delete;
@@ -53,7 +52,7 @@ class faked_tables final {
     explicit operator bool() const { return ok_; }
 
   private:
-    static constexpr std::pair<const char*, const char*> places[] = {
+    static constexpr std::pair<const char*, const char*> targets[] = {
         {"net", "/proc/self/net"}, {"diskstats", "/proc/diskstats"}, {"block", "/sys/block"}};
     fs::path root_;
     bool ok_ = false;

@@ -1,5 +1,5 @@
-// Each kind of service on answers of real servers: the agent's own work for one (read it, compute the rates,
-// append the element), and the whole exchange beside a bare connect, write and read of as many bytes.
+// Each kind of service with captured answers of real servers: the agent's own work (parsing, rates, report),
+// and the whole exchange compared with a bare connect, write and read of the same sizes.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <bson/bson.h>
@@ -18,21 +18,21 @@
 
 namespace {
 
-/// Discards what init prints.
-class quiet final {
+/// Discards standard output during init.
+class silenced_output final {
   public:
-    quiet() : kept_(::dup(STDOUT_FILENO)) {
+    silenced_output() : kept_(::dup(STDOUT_FILENO)) {
         std::fflush(stdout);
         const tarn::unique_fd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
         ::dup2(nowhere.get(), STDOUT_FILENO);
     }
-    ~quiet() {
+    ~silenced_output() {
         std::fflush(stdout);
         ::dup2(kept_, STDOUT_FILENO);
         ::close(kept_);
     }
-    quiet(const quiet&) = delete;
-    quiet& operator=(const quiet&) = delete;
+    silenced_output(const silenced_output&) = delete;
+    silenced_output& operator=(const silenced_output&) = delete;
 
   private:
     int kept_;
@@ -40,11 +40,11 @@ class quiet final {
 
 /// A counter of the kind whose server listens on this port.
 tarn_mycustom_counter& quietly_configured(const captured_kind& kind, int port) {
-    const quiet nothing;
+    const silenced_output silenced;
     return configured(kind, port);
 }
 
-/// Reading, rates and element, without a connection.
+/// Parsing, rates and report element, without a connection.
 void own_work(benchmark::State& state, const captured_kind& kind) {
     const auto answers = answers_of(kind, 0);
     tarn_mycustom_counter& counter = quietly_configured(kind, 1);
@@ -71,12 +71,12 @@ void exchange(benchmark::State& state, const captured_kind& kind) {
 
 void bare_exchange(const peer& server) {
     static std::array<char, 65536> buffer;
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    place.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-    place.sin_port = ::htons(static_cast<std::uint16_t>(server.port()));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+    address.sin_port = ::htons(static_cast<std::uint16_t>(server.port()));
     const int connection = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ::connect(connection, reinterpret_cast<const sockaddr*>(&place), sizeof place);
+    ::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     for (std::size_t answer = 0; answer < server.answers().size(); ++answer) {
         ::send(connection, buffer.data(), server.request_size(answer), 0);
         std::size_t missing = server.answers()[answer].size();
@@ -92,7 +92,7 @@ void bare_exchange(const peer& server) {
 void bare(benchmark::State& state, const captured_kind& kind) {
     peer server(answers_of(kind, 0));
     tarn_mycustom_counter& counter = quietly_configured(kind, server.port());
-    counter.update(counter);  // tells the sizes of its requests
+    counter.update(counter);  // records the sizes of the requests
     for (auto _ : state)
         bare_exchange(server);
 }
@@ -105,7 +105,7 @@ void add(const std::string& name, void (*run)(benchmark::State&, const captured_
 const int registered = [] {
     for (const captured_kind& kind : captured_kinds()) {
         add("own", own_work, kind);
-        if (kind.steps[0][0].ends_with(".rows")) continue;  // a library's exchange is the library's
+        if (kind.steps[0][0].ends_with(".rows")) continue;  // the exchange is in the client library
         add("exchange", exchange, kind);
         add("bare", bare, kind);
     }

@@ -1,4 +1,4 @@
-// Entry and life of the agent's process: configuration, pid file, signals, the parent's start and end.
+// Entry of the agent: configuration, pid file, signals, the fork, and the parent's start and end.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,21 +26,20 @@
 #include "services/tarn_socket_deadline.h"
 #include "support/tarn_files.h"
 #include "support/tarn_output.h"
-#include "support/tarn_text.h"
 #include "support/tarn_version.h"
 
 namespace {
 
 pid_t parent_id = 0;
 
-/// A library that waits for its server goes on waiting after a signal.
+/// A client library resumes its wait after a signal, so its socket is shut down.
 void on_kill(int /*signum*/) {
     stop = 1;
     tarn::shut_guarded_socket();
 }
 
-/// Standard input is /dev/null, and so is an output that the agent was started without: a file opened later
-/// must not get the number of a standard stream and be written to.
+/// Opens standard input and each missing output on /dev/null: otherwise a file opened later could get the
+/// descriptor of a standard stream and be written to.
 void open_standard_streams() {
     int fd = STDIN_FILENO;
     while (fd >= 0 && fd <= STDERR_FILENO)
@@ -49,7 +48,7 @@ void open_standard_streams() {
     ::close(fd);
 }
 
-/// A stop signal is caught once; a second one of its kind ends the process at once.
+/// Each stop signal is caught once; a second one of the same kind kills the process.
 void install_signals() {
     struct sigaction action {};
     action.sa_handler = on_kill;
@@ -58,13 +57,13 @@ void install_signals() {
         ::sigaction(signum, &action, nullptr);
 }
 
-/// Draws the second of the interval at which this agent reports, so that agents started together spread out.
-void draw_second() {
+/// Chooses the second of the interval at which this agent reports, so that agents started together differ.
+void choose_random_second() {
     std::srand(static_cast<unsigned>(std::time(nullptr)));
     config.randomsecond = static_cast<int>(static_cast<unsigned>(std::rand()) % config.interval);
 }
 
-/// The month counts from 0.
+/// The month is printed as counted from 0.
 void print_banner() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
@@ -81,8 +80,8 @@ void free_config() {
     config.docker_sock_path.clear();
 }
 
-/// The table goes with the parent, so that a clean stop never leaves its block behind, whatever became of the
-/// statistics process.
+/// Frees the container table. The parent does so even if the statistics process has failed, so that a clean
+/// stop leaves no shared memory behind.
 void free_docker() {
     if (config.docker != nullptr && !config.docker->containers.empty()) {
         trace("Freeing docker-related structures\n");
@@ -90,20 +89,20 @@ void free_docker() {
     docker_free(config.docker);
 }
 
-/// What an agent that ends must not leave behind, however it ends.
-void leave_nothing() {
-    if (::getpid() != parent_id) return;  // a process forked later has inherited the call
+/// Runs on every exit of the parent.
+void clean_up() {
+    if (::getpid() != parent_id) return;  // a child inherits the exit handler
     stop_customs_process();
     free_docker();
     pid_remove();
 }
 
-/// Runs the process that samples and reports, to its end.
+/// Runs the process that samples and reports until it is stopped.
 void parentThread() {
     parent_id = ::getpid();
-    std::atexit(leave_nothing);
-    // Nobody asks for the status of a child; where the agent is the first process of a container, what
-    // scripts leave behind becomes its child, too.
+    std::atexit(clean_up);
+    // Lets the kernel reap children, whose status is not needed. As the first process of a container the
+    // agent also adopts the processes that scripts leave behind.
     std::signal(SIGCHLD, SIG_IGN);
     tarn::load_mysql();
     tarn::load_postgre();
@@ -123,7 +122,7 @@ void parentThread() {
     pid_remove();
 }
 
-/// Splits off the script process. Returns the exit status.
+/// Forks the script process and runs the parent. Returns the exit status.
 int run_with_scripts() {
     if (start_customs_process()) {
         parentThread();
@@ -136,12 +135,12 @@ int run_with_scripts() {
     return EXIT_FAILURE;
 }
 
-/// Splits off the process that follows the containers. Returns the exit status.
+/// Forks the process that follows the containers and runs the parent. Returns the exit status.
 int run_with_docker() {
     std::array<int, 2> lifeline{-1, -1};
     if (::pipe2(lifeline.data(), O_CLOEXEC | O_NONBLOCK) != 0) std::perror("pipe");
-    tarn::unique_fd heard(lifeline[0]);
-    tarn::unique_fd spoken(lifeline[1]);
+    tarn::unique_fd read_end(lifeline[0]);
+    tarn::unique_fd write_end(lifeline[1]);
     const pid_t pid = ::fork();
     if (pid < 0) {
         docker_free(config.docker);
@@ -149,18 +148,18 @@ int run_with_docker() {
         return EXIT_SUCCESS;
     }
     if (pid == 0) {
-        spoken.reset();
-        dockerThread(std::move(heard));
+        write_end.reset();
+        dockerThread(std::move(read_end));
         return EXIT_SUCCESS;
     }
-    heard.reset();
-    if (config.docker != nullptr) config.docker->statistics_process = std::move(spoken);
+    read_end.reset();
+    if (config.docker != nullptr) config.docker->statistics_process = std::move(write_end);
     std::printf("Successfully forked docker child pid = %d\n", pid);
     parentThread();
     return EXIT_SUCCESS;
 }
 
-/// Ends a start that failed: nothing that the configuration made is left behind.
+/// Ends a failed start and frees what the configuration has created.
 int refuse_start(const char* message) {
     std::printf("%s\n", message);
     docker_free(config.docker);
@@ -172,7 +171,7 @@ int refuse_start(const char* message) {
 int main(int argc, char** argv) {
     open_standard_streams();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    // A reader of the messages that goes away must not take the agent with it.
+    // A reader of the messages that goes away must not end the agent.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL);
     if (::getuid() != 0) {
@@ -183,7 +182,7 @@ int main(int argc, char** argv) {
     parse_options(argc, argv);
     if (parse_config() != 0) return refuse_start("ERROR: bad config!");
     if (config.interval == 0) return refuse_start("ERROR: interval must be at least 1 second!");
-    draw_second();
+    choose_random_second();
     print_banner();
     if (config.showconfigonly != 0 || config.debug != 0) print_config();
     if (config.showconfigonly != 0) {

@@ -1,3 +1,4 @@
+// The command line of tarn-receive, which CLI11 parses.
 #include "receive_options.h"
 
 #include <CLI/CLI.hpp>
@@ -9,19 +10,19 @@
 
 namespace {
 
-/// CLI11 itself would read 010 as octal and -1 as a huge count.
+/// Needed because CLI11 reads 010 as octal and -1 as a huge count.
 std::string decimal_fault(const std::string& word) {
     const bool is_decimal =
         tarn::is_valid_int(word) && !word.starts_with('-') && (word == "0" || !word.starts_with('0'));
     return is_decimal ? "" : "\"" + word + "\" is not a decimal number";
 }
 
-/// An empty secret would make every packet good.
+/// An empty secret would accept every packet.
 std::string empty_fault(const std::string& word) {
     return word.empty() ? "an empty secret" : "";
 }
 
-/// The first line of the file.
+/// Reads the first line of the file.
 std::string read_secret(const std::string& path) {
     const auto text = tarn::read_file(path.c_str());
     const std::string_view secret = text ? text->substr(0, text->find('\n')) : std::string_view();

@@ -6,9 +6,9 @@ enum class output { pretty, json, raw };
 
 struct receive_options {
     std::string address = "127.0.0.1";
-    int port = 8641;  ///< for UDP and TCP alike; 0 for a free one
+    int port = 8641;  ///< for both UDP and TCP; 0 for a free one
     std::string secret;
-    unsigned long count = 0;  ///< good reports to wait for; 0 for no end
+    unsigned long count = 0;  ///< good reports to wait for; 0 for no limit
     output format = output::pretty;
 };
 

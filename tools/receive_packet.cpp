@@ -1,3 +1,4 @@
+// Packets come from anyone: length and signature are checked before the document is parsed.
 #include "receive_packet.h"
 
 #include <bson/bson.h>
@@ -10,13 +11,14 @@
 
 namespace {
 
-constexpr std::size_t smallest_document = 5;
+constexpr std::size_t min_document_size = 5;
 constexpr std::size_t signature_length = std::tuple_size_v<tarn_signature>;
 
-/// Reports are four levels deep; a document nested beyond this was not made by an agent.
-constexpr int deepest_level = 32;
+/// Reports have four levels; a document with more than this did not come from an agent.
+constexpr int max_levels = 32;
 
-std::uint32_t own_length(std::span<const std::uint8_t> packet) {
+/// The length that the document states: its first four bytes, little-endian.
+std::uint32_t document_length(std::span<const std::uint8_t> packet) {
     std::uint32_t length = 0;
     std::memcpy(&length, packet.data(), sizeof length);
     return BSON_UINT32_FROM_LE(length);
@@ -45,14 +47,14 @@ bool is_valid_element(const bson_iter_t& element, int levels) {
         case BSON_TYPE_CODE:
         case BSON_TYPE_SYMBOL:
         case BSON_TYPE_CODEWSCOPE:
-            // No agent sends texts of these types, or code with a scope to follow.
+            // An agent sends none of these types, whose texts and scopes are not checked here.
             return false;
         default:
             return true;
     }
 }
 
-/// In place of bson_validate(), which stops at some faults without reporting them.
+/// Used instead of bson_validate(), which stops at some faults without reporting them.
 bool is_valid_bson(std::span<const std::uint8_t> document, int levels) {
     bson_t view;
     bson_iter_t element;
@@ -66,7 +68,7 @@ bool is_valid_bson(std::span<const std::uint8_t> document, int levels) {
     return element.err_off == 0;
 }
 
-/// What is wrong with a packet's signature; null when it is right.
+/// Describes what is wrong with a packet's signature; null when it is right.
 const char* signature_fault(std::span<const std::uint8_t> document, std::span<const std::uint8_t> signature,
                             std::string_view secret) {
     if (signature.empty()) return "not signed";
@@ -75,26 +77,26 @@ const char* signature_fault(std::span<const std::uint8_t> document, std::span<co
                                                                                   : "wrong signature";
 }
 
-received_packet bad(std::string fault) {
+received_packet rejected(std::string fault) {
     return {{}, false, std::move(fault)};
 }
 
 }  // namespace
 
 received_packet check_packet(std::span<const std::uint8_t> packet, std::string_view secret) {
-    if (packet.size() < smallest_document) return bad("shorter than any document");
-    const std::size_t length = own_length(packet);
+    if (packet.size() < min_document_size) return rejected("shorter than any document");
+    const std::size_t length = document_length(packet);
     const bool is_signed = packet.size() == length + signature_length;
     if (packet.size() != length && !is_signed) {
-        return bad("a document of " + std::to_string(length) + " bytes does not fit a packet of " +
-                   std::to_string(packet.size()));
+        return rejected("a document of " + std::to_string(length) + " bytes does not fit a packet of " +
+                        std::to_string(packet.size()));
     }
     const auto document = packet.first(length);
-    // Of a packet that nobody with the secret sent, nothing may reach the BSON parser.
+    // A packet from a sender without the secret must not reach the BSON parser.
     if (!secret.empty()) {
         const char* const fault = signature_fault(document, packet.subspan(length), secret);
-        if (fault != nullptr) return bad(fault);
+        if (fault != nullptr) return rejected(fault);
     }
-    if (!is_valid_bson(document, deepest_level)) return bad("not valid BSON");
+    if (!is_valid_bson(document, max_levels)) return rejected("not valid BSON");
     return {document, is_signed, {}};
 }

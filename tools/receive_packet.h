@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
-/// Largest packet that is taken: far beyond the report of a host with a thousand devices.
-inline constexpr std::size_t largest_packet = std::size_t{4} * 1024 * 1024;
+/// Largest packet that is accepted, in bytes: far more than the report of a host with a thousand devices.
+inline constexpr std::size_t max_packet_size = std::size_t{4} * 1024 * 1024;
 
-/// What became of a packet.
+/// The result of checking a packet.
 struct received_packet {
     std::span<const std::uint8_t> document;  ///< the BSON document; empty when the packet is bad
-    bool is_signed = false;                  ///< 40 characters of signature follow the document
+    bool is_signed = false;                  ///< the document is followed by a signature of 40 characters
     std::string fault;                       ///< what is wrong, in a few words; empty when the packet is good
 };
 

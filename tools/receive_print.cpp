@@ -1,3 +1,4 @@
+// Reports as text and as JSON. Their texts come from the network, so control characters are escaped.
 #include "receive_print.h"
 
 #include <bson/bson.h>
@@ -10,16 +11,16 @@
 
 namespace {
 
-/// The column in which values begin, unless the key reaches it.
+/// The column in which values begin, unless the key is longer.
 constexpr std::size_t value_column = 24;
 
 struct unit_row {
-    std::string_view section;  ///< top-level element; in "mycustoms" the kind; "" for the top itself
+    std::string_view section;  ///< top-level element; in "mycustoms" the kind; "" for the top level
     std::string_view key;
     std::string_view unit;
 };
 
-/// Units of the figures that have one. A figure that is not here is a count, a flag or a text.
+/// The units of the figures that have one. A figure not listed is a count, a flag or a text.
 constexpr unit_row units[] = {
     {"", "interval", "seconds"},
     {"", "tarn_memory_used", "KiB of memory used by the agent"},
@@ -137,17 +138,19 @@ bool is_container(const bson_iter_t& element) {
     return BSON_ITER_HOLDS_DOCUMENT(&element) || BSON_ITER_HOLDS_ARRAY(&element);
 }
 
-/// The section that a container's figures belong to. Only the elements of "mycustoms" are of several kinds,
-/// and each names its own.
-std::string section_within(const bson_iter_t& container, const std::string& around, std::size_t depth) {
+/// The section of a container's figures. Only the elements of "mycustoms" are of several kinds; each names
+/// its kind under "report".
+std::string section_within(const bson_iter_t& container, const std::string& parent_section,
+                           std::size_t depth) {
     if (depth == 0) return bson_iter_key(&container);
     bson_iter_t kind;
-    const bool names_kind = depth == 1 && around == "mycustoms" && bson_iter_recurse(&container, &kind) &&
-                            bson_iter_find(&kind, "report") && BSON_ITER_HOLDS_UTF8(&kind);
-    return names_kind ? bson_iter_utf8(&kind, nullptr) : around;
+    const bool names_kind = depth == 1 && parent_section == "mycustoms" &&
+                            bson_iter_recurse(&container, &kind) && bson_iter_find(&kind, "report") &&
+                            BSON_ITER_HOLDS_UTF8(&kind);
+    return names_kind ? bson_iter_utf8(&kind, nullptr) : parent_section;
 }
 
-/// True when the keys of the container's elements are "0", "1", ... as those of an array usually are.
+/// True when the keys of the container's elements are "0", "1", ... as in an ordinary array.
 bool is_positional(const bson_iter_t& container) {
     bson_iter_t elements;
     bson_iter_recurse(&container, &elements);
@@ -175,7 +178,7 @@ void copy_container(const bson_iter_t& element, bson_t& copy) {
     }
 }
 
-/// Copies elements, with every array whose elements have names turned into a document.
+/// Copies elements. An array whose elements have names becomes a document.
 void copy_elements(bson_iter_t& elements, bson_t& copy) {
     while (bson_iter_next(&elements)) {
         if (is_container(elements)) {
@@ -199,12 +202,12 @@ std::string time_text(std::int32_t seconds) {
 std::size_t control_length(std::string_view text) {
     const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
     if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
-    // U+0080 to U+009F. To a terminal U+009B is what ESC and "[" are.
+    // U+0080 to U+009F. A terminal takes U+009B for ESC and "[".
     return byte(0) == 0xC2 && text.size() > 1 && byte(1) < 0xA0 ? 2 : 0;
 }
 
-/// Control characters would let a sender write on the reader's terminal: each is shown as \u00XX. In JSON
-/// this escapes those that libbson leaves as they are, which are U+007F to U+009F.
+/// Shows each control character as \u00XX, since it could change what the reader's terminal displays. In JSON
+/// these are U+007F to U+009F, which libbson does not escape.
 std::string printable(std::string_view text) {
     std::string clean;
     while (!text.empty()) {
@@ -214,7 +217,7 @@ std::string printable(std::string_view text) {
             text.remove_prefix(1);
             continue;
         }
-        // The last byte is the whole code point in either length.
+        // With either length the last byte equals the code point.
         std::array<char, 8> escaped{};
         std::snprintf(escaped.data(), escaped.size(), "\\u%04x",
                       static_cast<unsigned char>(text[length - 1]));

@@ -4,8 +4,8 @@
 #include <span>
 #include <string>
 
-/// The report as one line of JSON. An array whose elements bear names of their own is written as an object,
-/// so that the names are not lost.
+/// The report as one line of JSON. An array whose elements have names is written as an object, so that the
+/// names are not lost.
 std::string report_as_json(std::span<const std::uint8_t> document);
 
 /// The report laid out for a reader, one figure per line with its unit.

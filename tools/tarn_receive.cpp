@@ -1,5 +1,5 @@
-// tarn-receive: takes reports over UDP and TCP, checks them and prints them. A receiver for trying things out
-// and for tests, not a collector: nothing is stored.
+// tarn-receive: receives reports over UDP and TCP, checks them and prints them. It is meant for trials and
+// tests and stores nothing.
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -23,23 +23,25 @@
 
 namespace {
 
-using moment = std::chrono::steady_clock::time_point;
+using time_point = std::chrono::steady_clock::time_point;
 
-constexpr std::size_t most_connections = 32;
+constexpr std::size_t max_connections = 32;
+/// A sender must finish its report within this time of connecting.
 constexpr auto stall_limit = std::chrono::seconds(10);
-constexpr auto complaint_pause = std::chrono::seconds(1);
-constexpr int wake_up_ms = 500;
-/// How many ports of the system's choice are tried for one that is free for UDP as well as for TCP.
+/// Least time between two messages about bad packets.
+constexpr auto rejection_gap = std::chrono::seconds(1);
+constexpr int poll_ms = 500;
+/// How many ports chosen by the system are tried until one is free for both TCP and UDP.
 constexpr int port_attempts = 10;
 
 volatile std::sig_atomic_t stopped = 0;
 
-/// One TCP sender: a connection carries one report and is then closed by its sender.
+/// One TCP connection. It carries one report, which ends when the sender closes the connection.
 struct sender {
     tarn::unique_fd socket;
     std::string name;
-    moment deadline;
-    moment heard;  ///< when it connected or last sent something
+    time_point deadline;
+    time_point last_active;  ///< time of its connect or of the last bytes from it
     std::vector<std::uint8_t> packet;
 };
 
@@ -50,7 +52,7 @@ class receiver final {
     /// Opens the sockets; false, with a message, on failure.
     bool listen();
 
-    /// Takes packets until a signal, the wanted count or a failed write; false for the last.
+    /// Receives packets until a signal, the wanted count or a failed write; false after a failed write.
     bool run();
 
   private:
@@ -62,7 +64,7 @@ class receiver final {
     void accept_sender();
     void serve_senders(std::span<const pollfd> polled);
     bool serve(sender& from);
-    void drop_most_silent();
+    void drop_most_idle();
     void drop_stalled();
     void take_packet(const std::string& from, std::span<const std::uint8_t> packet);
     void print_report(const std::string& from, std::size_t size, const received_packet& report);
@@ -75,8 +77,8 @@ class receiver final {
     std::vector<std::uint8_t> buffer_ = std::vector<std::uint8_t>(65536);
     unsigned long good_ = 0;
     unsigned long bad_ = 0;
-    unsigned long unshown_ = 0;  ///< bad packets since the last one that was named
-    moment next_complaint_;
+    unsigned long not_shown_ = 0;  ///< bad packets since the last message about one
+    time_point next_rejection_;
     bool write_failed_ = false;
 };
 
@@ -84,11 +86,11 @@ std::string name_of(const sockaddr_in& peer) {
     return tarn::ipv4_text(peer.sin_addr) + ":" + std::to_string(ntohs(peer.sin_port));
 }
 
-/// Binds a socket of the given type; with port 0 the system's choice is written back.
+/// Binds a socket of the given type. Port 0 is replaced with the port that the system chooses.
 tarn::unique_fd bind_socket(int type, sockaddr_in& address) {
     tarn::unique_fd socket(::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    // Lets a listener start while old connections of its port are in TIME-WAIT. With this option on the
-    // datagram socket, any local user could bind the port as well and take the datagrams.
+    // Lets the listener start while old connections of its port are in TIME-WAIT. On the datagram socket this
+    // option would let any local user bind the same port and take the datagrams.
     const int reuse = type == SOCK_STREAM ? 1 : 0;
     socklen_t length = sizeof address;
     if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) != 0 ||
@@ -104,7 +106,7 @@ bool receiver::open_sockets(sockaddr_in& address) {
     listener_ = bind_socket(SOCK_STREAM, address);
     if (!listener_) return false;
     datagrams_ = bind_socket(SOCK_DGRAM, address);
-    return datagrams_ && ::listen(listener_.get(), static_cast<int>(most_connections)) == 0;
+    return datagrams_ && ::listen(listener_.get(), static_cast<int>(max_connections)) == 0;
 }
 
 bool receiver::listen() {
@@ -131,25 +133,26 @@ bool receiver::listen() {
     return true;
 }
 
-/// Counts a bad packet and names it, but only one in a second: a flood of them must not flood the terminal.
+/// Counts a bad packet and prints a message, at most one a second, so that packets cannot flood the terminal.
 void receiver::reject(const std::string& from, const std::string& fault) {
     ++bad_;
-    const moment now = std::chrono::steady_clock::now();
-    if (now < next_complaint_) {
-        ++unshown_;
+    const time_point now = std::chrono::steady_clock::now();
+    if (now < next_rejection_) {
+        ++not_shown_;
         return;
     }
-    const std::string unshown = unshown_ > 0 ? " (" + std::to_string(unshown_) + " more not shown)" : "";
+    const std::string not_shown =
+        not_shown_ > 0 ? " (" + std::to_string(not_shown_) + " more not shown)" : "";
     std::fprintf(stderr, "tarn-receive: bad packet %lu from %s: %s%s\n", bad_, from.c_str(), fault.c_str(),
-                 unshown.c_str());
-    unshown_ = 0;
-    next_complaint_ = now + complaint_pause;
+                 not_shown.c_str());
+    not_shown_ = 0;
+    next_rejection_ = now + rejection_gap;
 }
 
 void receiver::print_report(const std::string& from, std::size_t size, const received_packet& report) {
-    const char* const trust = !report.is_signed         ? "not signed"
-                              : options_.secret.empty() ? "signature not checked"
-                                                        : "signature good";
+    const char* const signature = !report.is_signed         ? "not signed"
+                                  : options_.secret.empty() ? "signature not checked"
+                                                            : "signature good";
     switch (options_.format) {
         case output::json:
             std::printf("%s\n", report_as_json(report.document).c_str());
@@ -158,7 +161,7 @@ void receiver::print_report(const std::string& from, std::size_t size, const rec
             std::fwrite(report.document.data(), 1, report.document.size(), stdout);
             break;
         case output::pretty:
-            std::printf("--- report %lu from %s, %zu bytes, %s\n%s", good_, from.c_str(), size, trust,
+            std::printf("--- report %lu from %s, %zu bytes, %s\n%s", good_, from.c_str(), size, signature,
                         report_as_text(report.document).c_str());
     }
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
@@ -190,19 +193,19 @@ void receiver::accept_sender() {
     tarn::unique_fd socket(::accept4(listener_.get(), reinterpret_cast<sockaddr*>(&peer), &length,
                                      SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) return;
-    if (senders_.size() >= most_connections) drop_most_silent();
-    const moment now = std::chrono::steady_clock::now();
+    if (senders_.size() >= max_connections) drop_most_idle();
+    const time_point now = std::chrono::steady_clock::now();
     senders_.push_back({std::move(socket), name_of(peer), now + stall_limit, now, {}});
 }
 
 /// Idle connections must not keep others out.
-void receiver::drop_most_silent() {
-    const auto silent = std::ranges::min_element(senders_, {}, &sender::heard);
-    reject(silent->name, "idle, made way for another");
-    senders_.erase(silent);
+void receiver::drop_most_idle() {
+    const auto idlest = std::ranges::min_element(senders_, {}, &sender::last_active);
+    reject(idlest->name, "idle, made way for another");
+    senders_.erase(idlest);
 }
 
-/// Takes what a sender has sent; false when its connection is over.
+/// Receives once from a sender; false when its connection is finished.
 bool receiver::serve(sender& from) {
     const ssize_t got = ::recv(from.socket.get(), buffer_.data(), buffer_.size(), 0);
     if (got < 0) {
@@ -214,16 +217,16 @@ bool receiver::serve(sender& from) {
         take_packet(from.name, from.packet);
         return false;
     }
-    from.heard = std::chrono::steady_clock::now();
+    from.last_active = std::chrono::steady_clock::now();
     from.packet.insert(from.packet.end(), buffer_.begin(), buffer_.begin() + got);
-    if (from.packet.size() <= largest_packet) return true;
+    if (from.packet.size() <= max_packet_size) return true;
     reject(from.name, "larger than any report");
     return false;
 }
 
 /// A report is small: a sender that has not finished in time never will.
 void receiver::drop_stalled() {
-    const moment now = std::chrono::steady_clock::now();
+    const time_point now = std::chrono::steady_clock::now();
     std::erase_if(senders_, [&](const sender& from) {
         if (now < from.deadline) return false;
         reject(from.name, "stalled");
@@ -231,7 +234,7 @@ void receiver::drop_stalled() {
     });
 }
 
-/// Takes what the ready senders have sent. `polled` holds the senders' sockets in their order.
+/// Receives from the senders that are ready. `polled` has one entry per sender, in the same order.
 void receiver::serve_senders(std::span<const pollfd> polled) {
     for (std::size_t at = 0; at < polled.size() && !done(); ++at) {
         if (polled[at].revents != 0 && !serve(senders_[at])) senders_[at].socket.reset();
@@ -245,7 +248,7 @@ bool receiver::run() {
         polled.assign({{datagrams_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}});
         for (const sender& from : senders_)
             polled.push_back({from.socket.get(), POLLIN, 0});
-        if (::poll(polled.data(), polled.size(), wake_up_ms) > 0) {
+        if (::poll(polled.data(), polled.size(), poll_ms) > 0) {
             serve_senders(std::span(polled).subspan(2));
             if (polled[0].revents != 0 && !done()) take_datagram();
             if (polled[1].revents != 0 && !done()) accept_sender();
@@ -261,7 +264,7 @@ void catch_signals() {
     action.sa_handler = [](int) { stopped = 1; };
     for (const int signum : {SIGTERM, SIGINT})
         ::sigaction(signum, &action, nullptr);
-    // A reader of the reports that goes away shows as a failed write.
+    // When the reader of the reports goes away, a write fails.
     std::signal(SIGPIPE, SIG_IGN);
 }
 

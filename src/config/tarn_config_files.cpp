@@ -1,4 +1,4 @@
-// The configuration files, read line by line: a setting, a counter, or ignored.
+// Reads the configuration files. A line sets a field, registers a counter or is ignored.
 #include "config/tarn_config_files.h"
 
 #include <glob.h>
@@ -14,14 +14,13 @@
 #include "record/tarn_config.h"
 #include "record/tarn_trace.h"
 #include "support/tarn_files.h"
-#include "support/tarn_text.h"
 
 namespace {
 
-/// Extra files whose paths are kept; those beyond are read all the same.
-constexpr std::size_t extra_files_kept = 256;
+/// The most extra files whose paths are kept; further files are still read.
+constexpr std::size_t max_extra_paths = 256;
 
-/// Reads one line, at most 4095 characters of it; the rest of a longer one is dropped, and so is what follows
+/// Reads one line of at most 4095 characters. The rest of a longer line is dropped, and so is the text after
 /// a zero byte. False at the end of the file.
 bool read_line(std::FILE& file, std::array<char, 4096>& buffer, std::string_view& line) {
     if (std::fgets(buffer.data(), static_cast<int>(buffer.size()), &file) == nullptr) return false;
@@ -33,7 +32,7 @@ bool read_line(std::FILE& file, std::array<char, 4096>& buffer, std::string_view
     return true;
 }
 
-/// Whoever can write into the file can run commands as root.
+/// Anyone who can write to the file can run commands as root.
 void warn_if_writable(const char* path, std::FILE& file) {
     struct stat status {};
     if (::fstat(::fileno(&file), &status) != 0) return;
@@ -42,7 +41,7 @@ void warn_if_writable(const char* path, std::FILE& file) {
         std::printf("WARNING: others than root can write to config file %s\n", path);
 }
 
-/// Owns what glob() found.
+/// Owns the result of glob().
 class glob_result final {
   public:
     explicit glob_result(const char* pattern) : found_(::glob(pattern, 0, nullptr, &glob_) == 0) {}
@@ -59,8 +58,8 @@ class glob_result final {
     bool found_;
 };
 
-}  // namespace
-
+/// Reads one configuration file: a key and a value per line, no comments, unknown keys ignored. Returns 1
+/// when the file is missing, a UUID is malformed, or the configuration so far does not identify the server.
 int parse_config_file(const char* path) {
     trace("Reading config file %s\n", path);
     const tarn::unique_file file(std::fopen(path, "re"));
@@ -80,6 +79,8 @@ int parse_config_file(const char* path) {
     return check_identity();
 }
 
+}  // namespace
+
 int parse_config() {
     config.id = 0;
     config.extConfigFiles.clear();
@@ -88,7 +89,7 @@ int parse_config() {
     const glob_result extra(config.extConfigPattern);
     for (const char* const path : extra.paths()) {
         if (const int result = parse_config_file(path); result != 0) return result;
-        if (config.extConfigFiles.size() < extra_files_kept) config.extConfigFiles.emplace_back(path);
+        if (config.extConfigFiles.size() < max_extra_paths) config.extConfigFiles.emplace_back(path);
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// The counter kinds, one row each: the keyword of a line, the family of the counter, the part of the line
-// that becomes its configuration text, and its operations.
+// The counter kinds, one row each: keyword, family, the part of the line that becomes the configuration text,
+// and operations.
 #include "config/tarn_kinds.h"
 
 #include <array>
@@ -22,45 +22,45 @@
 
 namespace {
 
-/// How the text of a counter is cut from its line.
-using cut = std::string_view (*)(const config_line& line, std::string_view word);
+/// Returns the configuration text of a counter, given its line.
+using text_extractor = std::string_view (*)(const config_line& line, std::string_view keyword);
 
-std::string_view after_prefix(const config_line& line, std::string_view word) {
-    return line.after(word.size());
+std::string_view after_prefix(const config_line& line, std::string_view keyword) {
+    return line.after(keyword.size());
 }
 
-/// Skips one separator as well.
-std::string_view after_word(const config_line& line, std::string_view word) {
-    return line.after(word.size() + 1);
+/// Also skips one separator.
+std::string_view after_word(const config_line& line, std::string_view keyword) {
+    return line.after(keyword.size() + 1);
 }
 
-std::string_view value_word(const config_line& line, std::string_view /*word*/) {
+std::string_view value_word(const config_line& line, std::string_view /*keyword*/) {
     return line.value;
 }
 
-/// The line of the script counter that watches the server as a whole; at most 255 characters.
-std::string_view status_script(const config_line& line, std::string_view word) {
+/// The configuration text of a server-status script; at most 255 characters.
+std::string_view status_script(const config_line& line, std::string_view keyword) {
     static std::array<char, 256> text;
-    const std::string_view rest = line.after(word.size());
+    const std::string_view rest = line.after(keyword.size());
     std::snprintf(text.data(), text.size(), "general server_status uid=0 gid=0 interval=1 type=%d %.*s",
                   custom_type_status, static_cast<int>(rest.size()), rest.data());
     return text.data();
 }
 
 struct kind {
-    std::string_view word;
+    std::string_view keyword;
     key_match match;
     tarn_family (*family)();
-    cut text;
+    text_extractor text;
     const tarn_operations* operations;
-    int tarn_config::*needs = nullptr;  ///< set to 1 when such a counter is configured
+    int tarn_config::*library_flag = nullptr;  ///< set to 1 when such a counter is configured
 };
 
 using enum key_match;
 constexpr auto mysql_on = &tarn_config::mysql_on;
 constexpr auto postgre_on = &tarn_config::postgre_on;
 
-/// The first row that matches handles the line; the settings have been tried before.
+/// The first row that matches handles the line. Settings are matched before kinds.
 constexpr kind kinds[] = {
     {"custom", prefix, custom_family, after_prefix, &custom_operations},
     {"server_status", prefix, custom_family, status_script, &custom_operations},
@@ -80,11 +80,11 @@ constexpr kind kinds[] = {
 void register_kind(const kind& row, const config_line& line) {
     const tarn_family family = row.family();
     if (family.count < family.capacity()) {
-        mycustom_register(family, row.text(line, row.word), *row.operations);
-        if (row.needs != nullptr) config.*row.needs = 1;
+        mycustom_register(family, row.text(line, row.keyword), *row.operations);
+        if (row.library_flag != nullptr) config.*row.library_flag = 1;
         return;
     }
-    std::printf("Too many %s counters (%d at most), line ignored\n", row.word.data(),
+    std::printf("Too many %s counters (%d at most), line ignored\n", row.keyword.data(),
                 static_cast<int>(family.capacity()));
 }
 
@@ -92,7 +92,7 @@ void register_kind(const kind& row, const config_line& line) {
 
 void register_counter(const config_line& line) {
     for (const kind& row : kinds) {
-        if (!matches(line.key, row.word, row.match)) continue;
+        if (!matches(line.key, row.keyword, row.match)) continue;
         register_kind(row, line);
         return;
     }

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// The rest of the command line; an option may take one word of it.
+/// The rest of the command line. An option may consume its next word.
 struct arguments {
     char** next;
     char** end;
@@ -39,32 +39,32 @@ void print_version(arguments& /*rest*/) {
     std::exit(EXIT_SUCCESS);
 }
 
-/// Binds a host counter that one diagnostic mode drives alone.
-tarn_mycustom_counter& bound(tarn_core_slot slot, const tarn_operations& operations) {
+/// Binds and initialises the one host counter of a diagnostic mode.
+tarn_mycustom_counter& bind_and_init(tarn_core_slot slot, const tarn_operations& operations) {
     tarn_mycustom_counter& counter = stats.core_counters[slot];
     mycustom_set(counter, {}, operations);
     counter.init(counter);
     return counter;
 }
 
-/// The operating system after init alone: this mode takes no sample.
+/// Prints the operating system right after init: this mode takes no sample.
 void print_osversion(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = bound(core_os, os_operations);
+    tarn_mycustom_counter& counter = bind_and_init(core_os, os_operations);
     counter.dump(counter);
     counter.free(counter);
     std::exit(EXIT_SUCCESS);
 }
 
-/// Drives the interface counter once; this mode has no dump.
+/// Samples the interfaces once; this mode has no dump.
 void print_ifsstats(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = bound(core_net, net_operations);
+    tarn_mycustom_counter& counter = bind_and_init(core_net, net_operations);
     counter.update(counter);
     counter.free(counter);
     std::exit(EXIT_SUCCESS);
 }
 
 void print_sockstats(arguments& /*rest*/) {
-    tarn_mycustom_counter& counter = bound(core_socket, socket_operations);
+    tarn_mycustom_counter& counter = bind_and_init(core_socket, socket_operations);
     counter.update(counter);
     counter.dump(counter);
     counter.free(counter);
@@ -79,7 +79,7 @@ void enable_showconfig(arguments& /*rest*/) {
     config.showconfigonly = 1;
 }
 
-/// The next word, whatever it is; null, with a message, after the last one.
+/// The next word, even one that looks like an option; null, with a message, after the last one.
 const char* take_argument(const char* option, arguments& rest) {
     if (rest.next == rest.end) {
         std::printf("Option %s needs an argument\n", option);
@@ -104,7 +104,7 @@ void set_config_pattern(arguments& rest) {
 
 struct option {
     std::string_view word;
-    void (*use)(arguments& rest);
+    void (*apply)(arguments& rest);
 };
 
 constexpr option options[] = {{"-h", print_help},
@@ -117,10 +117,10 @@ constexpr option options[] = {{"-h", print_help},
                               {"--sock", print_sockstats},
                               {"--showconfig", enable_showconfig}};
 
-void use_option(const char* word, arguments& rest) {
+void apply_option(const char* word, arguments& rest) {
     for (const option& row : options) {
         if (row.word == word) {
-            row.use(rest);
+            row.apply(rest);
             return;
         }
     }
@@ -134,7 +134,7 @@ int parse_options(int argc, char** argv) {
     arguments rest{argv + 1, argv + argc};
     while (rest.next != rest.end) {
         const char* const word = *rest.next++;
-        use_option(word, rest);
+        apply_option(word, rest);
     }
     return 0;
 }

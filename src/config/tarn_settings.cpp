@@ -11,7 +11,7 @@
 
 namespace {
 
-using apply = line_result (*)(const config_line& line);
+using setter = line_result (*)(const config_line& line);
 
 /// A base-10 number that stops at the first non-digit; 0 for a text without digits.
 template <auto Field>
@@ -21,29 +21,29 @@ line_result number(const config_line& line) {
     return line_result::taken;
 }
 
-/// A text of at most one character less than its field holds, terminated.
+/// A text, truncated to fit its field with a terminator.
 template <auto Field>
 line_result text(const config_line& line) {
     tarn::copy_terminated(config.*Field, line.value);
     return line_result::taken;
 }
 
-/// A text that may fill its field to the last character.
+/// A text that may fill its field, then without a terminator.
 template <auto Field>
-line_result whole_text(const config_line& line) {
+line_result padded_text(const config_line& line) {
     tarn::copy_padded(config.*Field, line.value);
     return line_result::taken;
 }
 
-/// A secret may be longer than other words: 256 characters, which fill its field.
+/// A secret may be longer than other values: 256 characters, which fill its field.
 line_result secret(const config_line& line) {
-    tarn::copy_padded(config.secret, line.whole_value);
+    tarn::copy_padded(config.secret, line.full_value);
     return line_result::taken;
 }
 
-/// One more text of a list; a full list ignores it.
+/// A text that is appended to a list; a full list ignores it.
 template <auto List, auto Count>
-line_result one_more(const config_line& line) {
+line_result list_entry(const config_line& line) {
     if (config.*Count < static_cast<int>(std::size(config.*List))) {
         tarn::copy_terminated((config.*List)[config.*Count], line.value);
         ++(config.*Count);
@@ -51,7 +51,7 @@ line_result one_more(const config_line& line) {
     return line_result::taken;
 }
 
-/// A user is given by number. A name would read as 0, which is root's number, so the default stays.
+/// Accepts only a number. A user name would read as 0, which is root, so the default is kept instead.
 line_result default_user(const config_line& line) {
     if (tarn::read_number(line.value, config.custom_default_uid) == 0) {
         std::printf("custom_uid %.*s is not a number, scripts run as user %d\n",
@@ -60,7 +60,7 @@ line_result default_user(const config_line& line) {
     return line_result::taken;
 }
 
-/// Makes the container table once the server's id is known.
+/// Creates the container table once the server's id is known.
 void start_docker() {
     docker_init(config.docker);
     if (config.docker != nullptr && !config.docker_sock_path.empty()) {
@@ -90,7 +90,7 @@ line_result transport(const config_line& line) {
     return line_result::taken;
 }
 
-/// The path is the rest of the line after one separator, so that it may hold blanks.
+/// The path is the rest of the line after one separator, so it may contain blanks.
 line_result docker_socket(const config_line& line) {
     config.docker_sock_path = tarn::remove_newline_ch(line.after(line.key.size() + 1));
     if (config.docker != nullptr) docker_set_socket(*config.docker, config.docker_sock_path);
@@ -99,12 +99,12 @@ line_result docker_socket(const config_line& line) {
 }
 
 struct setting {
-    std::string_view word;
+    std::string_view keyword;
     key_match match;
-    apply use;
+    setter apply;
 };
 
-/// The first row that matches takes the line.
+/// The first row that matches handles the line.
 constexpr setting settings[] = {
     {"id", key_match::exact, server_id},
     {"uuid", key_match::exact, server_uuid},
@@ -116,33 +116,33 @@ constexpr setting settings[] = {
     {"domain", key_match::exact, text<&tarn_config::serverName>},
     {"interval", key_match::exact, number<&tarn_config::interval>},
     {"port", key_match::exact, number<&tarn_config::port>},
-    {"nameserver", key_match::exact, one_more<&tarn_config::dns_servers, &tarn_config::dns_servers_count>},
+    {"nameserver", key_match::exact, list_entry<&tarn_config::dns_servers, &tarn_config::dns_servers_count>},
     {"secret", key_match::exact, secret},
     {"mysql_connect_to", key_match::exact, number<&tarn_config::mysql_connect_to>},
     {"mysql_read_to", key_match::exact, number<&tarn_config::mysql_read_to>},
     {"mysql_write_to", key_match::exact, number<&tarn_config::mysql_write_to>},
     {"server_tcp_to", key_match::exact, number<&tarn_config::server_tcp_to>},
     {"counter_tcp_to", key_match::exact, number<&tarn_config::counter_tcp_to>},
-    {"slow_query_sec", key_match::exact, whole_text<&tarn_config::slow_query_sec>},
+    {"slow_query_sec", key_match::exact, padded_text<&tarn_config::slow_query_sec>},
     {"custom_counters_delimiter", key_match::prefix, number<&tarn_config::custom_counters_delimiter>},
     {"custom_uid", key_match::prefix, default_user},
     {"custom_gid", key_match::prefix, number<&tarn_config::custom_default_gid>},
-    {"mysql_lib", key_match::exact, whole_text<&tarn_config::mysql_lib>},
+    {"mysql_lib", key_match::exact, padded_text<&tarn_config::mysql_lib>},
     {"slashedApache", key_match::exact, number<&tarn_config::apacheSlashed>},
-    {"postgre_lib", key_match::exact, whole_text<&tarn_config::postgre_lib>},
+    {"postgre_lib", key_match::exact, padded_text<&tarn_config::postgre_lib>},
     {"docker_sock", key_match::exact, docker_socket},
     {"exclude_tmpfs", key_match::exact, number<&tarn_config::exclude_tmpfs>},
     {"exclude_mount", key_match::exact,
-     one_more<&tarn_config::path_exclude_masks, &tarn_config::path_exclude_masks_count>},
+     list_entry<&tarn_config::path_exclude_masks, &tarn_config::path_exclude_masks_count>},
     {"exclude_interfaces", key_match::exact,
-     one_more<&tarn_config::interface_exclude_masks, &tarn_config::interface_exclude_masks_count>},
+     list_entry<&tarn_config::interface_exclude_masks, &tarn_config::interface_exclude_masks_count>},
 };
 
 }  // namespace
 
 line_result apply_setting(const config_line& line) {
     for (const setting& row : settings) {
-        if (matches(line.key, row.word, row.match)) return row.use(line);
+        if (matches(line.key, row.keyword, row.match)) return row.apply(line);
     }
     return line_result::unknown;
 }

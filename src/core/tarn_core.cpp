@@ -1,7 +1,7 @@
+// The parent's cycle. The order of the families and the texts of the trace differ from walker to walker.
 #include "core/tarn_core.h"
 
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 
 #include "core/tarn_sampling.h"
@@ -27,11 +27,11 @@
 
 namespace {
 
-/// The parent samples two seconds after the script process, whose results can then be read.
+/// Seconds by which the parent samples after the script process, so that its results are ready.
 constexpr long parent_lag = 2;
 
-/// What a cycle may wait for services, engine and filesystems altogether: half of the interval.
-std::chrono::milliseconds waits_of_cycle() {
+/// How long a cycle may wait for services, container engine and filesystems altogether: half the interval.
+std::chrono::milliseconds max_waits() {
     return std::chrono::milliseconds(std::chrono::seconds(config.interval)) / 2;
 }
 
@@ -48,7 +48,7 @@ void setCoreCounters() {
     trace("set core counters... ");
     for (const auto& row : rows)
         mycustom_set(stats.core_counters[row.slot], {}, *row.operations);
-    stats.ncore_counters = core_slots;
+    stats.ncore_counters = core_slot_count;
     trace("done\n");
 }
 
@@ -84,11 +84,11 @@ void reinitCounters(long now) {
 
 void updateCounters() {
     static sampling_order order;
-    const auto in_place = [](tarn_mycustom_counter& counter) { order.ask_in_place(counter); };
-    const auto host = [](tarn_mycustom_counter& counter) {
+    const auto ask_service = [](tarn_mycustom_counter& counter) { order.ask_in_place(counter); };
+    const auto ask_host = [](tarn_mycustom_counter& counter) {
         if (stop == 0) tarn::call<&tarn_mycustom_counter::update>(counter);
     };
-    const auto waits = waits_of_cycle();
+    const auto waits = max_waits();
     tarn::budget.begin_cycle(waits);
     order.begin({mysql_family(), memcache_family(), beanstalk_family(), redis_family(), mycustom_family()},
                 waits);
@@ -96,12 +96,12 @@ void updateCounters() {
     const bool engine_first = config.docker == nullptr || !config.docker->was_silent;
     if (engine_first) tarn_docker_update(config.docker, order.expected());
     tarn::budget.begin_exchange(order.expected(), tarn::slot_of_living);
-    tarn::visit("update: core... ", core_family(), host);
-    tarn::visit("done, mysqls... ", mysql_family(), in_place);
-    tarn::visit("done, memcaches... ", memcache_family(), in_place);
-    tarn::visit("done, beanstalks... ", beanstalk_family(), in_place);
-    tarn::visit("done, redises... ", redis_family(), in_place);
-    tarn::visit("done, mycustoms... ", mycustom_family(), in_place);
+    tarn::visit("update: core... ", core_family(), ask_host);
+    tarn::visit("done, mysqls... ", mysql_family(), ask_service);
+    tarn::visit("done, memcaches... ", memcache_family(), ask_service);
+    tarn::visit("done, beanstalks... ", beanstalk_family(), ask_service);
+    tarn::visit("done, redises... ", redis_family(), ask_service);
+    tarn::visit("done, mycustoms... ", mycustom_family(), ask_service);
     order.ask_slow();
     if (!engine_first) tarn_docker_update(config.docker, 0);
     order.ask_silent();
@@ -154,7 +154,7 @@ std::uint64_t run_cycle(long t, std::uint64_t iteration) {
     const tarn::deadline next_cycle = before_next_cycle(t + parent_lag);
     if (t % 60 == 0) reinitCounters(t);
     updateCounters();
-    // Half of the counters would be a wrong report.
+    // The signal may have cut the walk short, and a report of half the counters would be wrong.
     if (stop != 0) return iteration;
     deltaCounters(iteration);
     if (config.debug != 0) dumpCounters();

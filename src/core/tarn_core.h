@@ -5,8 +5,8 @@
 /// Binds the seven host counters to their slots.
 void setCoreCounters();
 
-/// The walkers: each calls one operation of every counter, family by family, in an order of its own. `now`,
-/// in seconds, is only printed, in debug mode.
+/// The walkers: each calls one operation of every counter, family by family. `now`, in seconds, is printed in
+/// debug mode and not used otherwise.
 void initCounters(long now);
 void reinitCounters(long now);
 void updateCounters();
@@ -15,8 +15,7 @@ void dumpCounters();
 void freeCounters();
 
 /// One cycle at second `t`: samples every counter and, unless `iteration` is 0, builds and sends a report.
-/// The first cycle only takes the baseline. Returns the number of the next cycle, which is 0 again after
-/// 1163962800.
+/// The first cycle only takes the baseline. Returns the number of the next cycle; see next_iteration().
 std::uint64_t run_cycle(long t, std::uint64_t iteration);
 
 /// Runs a cycle on every matching second until the stop flag is set. Returns 0.

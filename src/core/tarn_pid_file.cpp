@@ -1,3 +1,4 @@
+// The pid file is read before it is removed: another agent may have written its own pid since.
 #include "core/tarn_pid_file.h"
 
 #include <fcntl.h>
@@ -14,11 +15,11 @@
 namespace {
 
 constexpr const char* path = "/var/run/tarn.pid";
-/// Neither a symbolic link nor a pipe that stands in the file's place leads or holds the agent.
+/// A symbolic link in place of the file is not followed, and a pipe does not block.
 constexpr int safe_flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-/// The other agent that the file named when this one started; 0 for none.
-pid_t earlier = 0;
+/// The other running agent that the file named when this one started; 0 for none.
+pid_t previous_agent = 0;
 
 /// The process that the file names; 0 for none.
 pid_t read_pid() {
@@ -40,15 +41,15 @@ void pid_create() {
     const pid_t named = read_pid();
     if (tarn::is_other_agent(named)) {
         std::printf("WARNING: another agent is running, pid %d\n", named);
-        earlier = named;
+        previous_agent = named;
     }
     write_pid(::getpid());
 }
 
 void pid_remove() {
     if (read_pid() != ::getpid()) return;
-    if (tarn::is_other_agent(earlier)) {
-        write_pid(earlier);
+    if (tarn::is_other_agent(previous_agent)) {
+        write_pid(previous_agent);
     } else {
         ::unlink(path);
     }

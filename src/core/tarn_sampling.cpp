@@ -1,3 +1,4 @@
+// A service that times out moves to the end of the order, and back once it answers within its share of time.
 #include "core/tarn_sampling.h"
 
 #include <algorithm>
@@ -12,8 +13,8 @@ using std::chrono::milliseconds;
 
 using tarn::slot_of_living;
 
-/// Kept for each service that did not answer: enough to see that it is back.
-constexpr auto slot_of_silent = milliseconds(10);
+/// Time reserved for each service that did not answer: enough to notice that it answers again.
+constexpr auto silent_slot = milliseconds(10);
 
 }  // namespace
 
@@ -22,20 +23,20 @@ void sampling_order::begin(std::initializer_list<tarn_family> families, duration
     std::size_t services = 0;
     for (const tarn_family& family : families)
         services += family.count;
-    in_place_ = services - std::min(late_.size(), services);
+    in_place_ = services - std::min(delayed_.size(), services);
     const auto others = static_cast<duration::rep>(std::max<std::size_t>(services, 1) - 1);
     share_ = std::max<duration>(total - others * slot_of_living, total / (others + 1));
 }
 
-std::size_t sampling_order::count(pace which) const {
-    const auto is_one = [which](const latecomer& one) { return one.is == which; };
-    return static_cast<std::size_t>(std::count_if(late_.begin(), late_.end(), is_one));
+std::size_t sampling_order::count(status which) const {
+    const auto has_status = [which](const delayed_service& service) { return service.current == which; };
+    return static_cast<std::size_t>(std::count_if(delayed_.begin(), delayed_.end(), has_status));
 }
 
-sampling_order::latecomer* sampling_order::find(const tarn_mycustom_counter& counter) {
-    const auto is_it = [&counter](const latecomer& one) { return one.counter == &counter; };
-    const auto found = std::find_if(late_.begin(), late_.end(), is_it);
-    return found != late_.end() ? &*found : nullptr;
+sampling_order::delayed_service* sampling_order::find(const tarn_mycustom_counter& counter) {
+    const auto is_same = [&counter](const delayed_service& service) { return service.counter == &counter; };
+    const auto found = std::find_if(delayed_.begin(), delayed_.end(), is_same);
+    return found != delayed_.end() ? &*found : nullptr;
 }
 
 void sampling_order::ask_in_place(tarn_mycustom_counter& counter) {
@@ -50,40 +51,41 @@ void sampling_order::ask(tarn_mycustom_counter& counter, std::size_t others, dur
     const bool had_time = tarn::budget.has_time();
     const auto start = tarn::deadline::clock::now();
     tarn::call_guarded(counter, tarn::call<&tarn_mycustom_counter::update>);
-    // A service for which no time was left, or whose container could not be found, has not been asked.
+    // A service was not asked when no time was left or its container could not be found.
     if (had_time && !tarn::budget.was_skipped() && stop == 0)
-        judge(counter, tarn::deadline::clock::now() - start);
+        update_status(counter, tarn::deadline::clock::now() - start);
 }
 
-void sampling_order::judge(tarn_mycustom_counter& counter, duration took) {
-    latecomer* const known = find(counter);
+void sampling_order::update_status(tarn_mycustom_counter& counter, duration took) {
+    delayed_service* const known = find(counter);
     if (tarn::budget.timed_out()) {
-        if (known == nullptr) late_.push_back({&counter, pace::silent, cycle_, cycle_});
-        if (known != nullptr) known->is = pace::silent;
+        if (known == nullptr) delayed_.push_back({&counter, status::silent, cycle_, cycle_});
+        if (known != nullptr) known->current = status::silent;
     } else if (known != nullptr && took > share_) {
-        known->is = pace::slow;
+        known->current = status::slow;
     } else if (known != nullptr) {
-        late_.erase(late_.begin() + (known - late_.data()));
+        delayed_.erase(delayed_.begin() + (known - delayed_.data()));
     }
 }
 
 void sampling_order::ask_slow() {
-    ask_latecomers(pace::slow, slot_of_living);
+    ask_delayed(status::slow, slot_of_living);
 }
 
 void sampling_order::ask_silent() {
-    std::stable_sort(late_.begin(), late_.end(), [](const latecomer& one, const latecomer& other) {
-        return one.was_first < other.was_first;
-    });
-    ask_latecomers(pace::silent, slot_of_silent);
+    std::stable_sort(delayed_.begin(), delayed_.end(),
+                     [](const delayed_service& one, const delayed_service& other) {
+                         return one.last_first < other.last_first;
+                     });
+    ask_delayed(status::silent, silent_slot);
 }
 
-void sampling_order::ask_latecomers(pace which, duration slot) {
-    turn_.clear();
-    for (const latecomer& one : late_) {
-        if (one.is == which && one.since != cycle_) turn_.push_back(one.counter);
+void sampling_order::ask_delayed(status which, duration slot) {
+    queue_.clear();
+    for (const delayed_service& service : delayed_) {
+        if (service.current == which && service.since != cycle_) queue_.push_back(service.counter);
     }
-    if (which == pace::silent && !turn_.empty()) find(*turn_.front())->was_first = cycle_;
-    for (std::size_t at = 0; at < turn_.size(); ++at)
-        ask(*turn_[at], turn_.size() - at - 1, slot);
+    if (which == status::silent && !queue_.empty()) find(*queue_.front())->last_first = cycle_;
+    for (std::size_t at = 0; at < queue_.size(); ++at)
+        ask(*queue_[at], queue_.size() - at - 1, slot);
 }

@@ -1,5 +1,5 @@
-// A user's script: run on its own period by the script process, its number and alert lines reported by the
-// parent.
+// The counter of a user's script. The script process runs the script; the parent reports its number and alert
+// lines.
 #include "customs/tarn_custom.h"
 
 #include <algorithm>
@@ -10,7 +10,6 @@
 #include "customs/tarn_custom_exec.h"
 #include "record/tarn_config.h"
 #include "record/tarn_operations.h"
-#include "support/tarn_text.h"
 
 namespace {
 
@@ -93,7 +92,7 @@ int custom_dump(tarn_mycustom_counter& cnt) {
 
 }  // namespace
 
-void custom_confine(tarn_mycustom_data_custom& data) {
+void custom_sanitize(tarn_mycustom_data_custom& data) {
     data.agent_alerts_count = std::clamp(data.agent_alerts_count, 0, custom_max_alerts);
     for (tarn_mycustom_agent_alert& alert : data.agent_alerts)
         alert.text[sizeof alert.text - 1] = '\0';

@@ -1,4 +1,4 @@
-// The configuration text of a script counter: report, id, settings in any order, and then the command.
+// Parses the configuration text of a script counter: report, id, settings in any order, then the command.
 // Example:
 //   web users uid=33 interval=2 /usr/local/bin/count-users
 #include "customs/tarn_custom_conf.h"
@@ -13,13 +13,13 @@
 
 namespace {
 
-/// Reads words from a text as if they were always separated by one blank: the position moves by the length of
-/// the word plus one. One extra blank is harmless; more of them make words come twice.
+/// Reads words as if they were separated by single blanks: the position advances by the length of the word
+/// plus one. One extra blank is harmless; with more, a word is read twice.
 class single_blank_words final {
   public:
     explicit single_blank_words(std::string_view text) : rest_(text) {}
 
-    /// The next word without moving on; empty at the end.
+    /// The next word, without advancing; empty at the end.
     [[nodiscard]] std::string_view peek() const { return tarn::scanner(rest_).word(); }
 
     std::string_view take() {
@@ -34,8 +34,8 @@ class single_blank_words final {
     std::string_view rest_;
 };
 
-/// A word, or a phrase in double quotes. The word that opens a phrase never closes it, even if it ends in a
-/// quote; the last character of the closing word is dropped.
+/// Reads a word, or a phrase in double quotes. The word that opens a phrase never closes it, even if it ends
+/// in a quote. The last character of the closing word is dropped.
 std::string take_field(single_blank_words& words) {
     std::string field(words.take());
     if (!field.starts_with('"')) return field;
@@ -50,7 +50,7 @@ std::string take_field(single_blank_words& words) {
     return field;
 }
 
-/// A user is given by number. A name would read as 0, which is root's number, so the default user stays.
+/// The user is given by number. A name would be read as 0, which is root, so the default is kept instead.
 void set_user(tarn_mycustom_counter& cnt, std::string_view value) {
     if (tarn::read_number(value, cnt.uid) > 0) return;
     std::printf("uid=%.*s is not a number, the script runs as user %d\n", static_cast<int>(value.size()),
@@ -65,20 +65,20 @@ void set_alert(tarn_mycustom_counter& cnt, std::string_view value) {
     tarn::copy_terminated(cnt.alert_condition, value);
 }
 
-/// A decimal number; 0 for a text without digits.
+/// Sets a member to a decimal number, or to 0 when there is none.
 template <auto Member>
 void set_number(tarn_mycustom_counter& cnt, std::string_view value) {
     cnt.*Member = tarn::to_number<int>(value);
 }
 
 struct setting {
-    std::string_view word;  ///< how the setting begins
-    std::size_t value_at;   ///< where its value begins
-    void (*use)(tarn_mycustom_counter& cnt, std::string_view value);
+    std::string_view prefix;  ///< how the word begins
+    std::size_t value_at;     ///< offset of the value in the word
+    void (*apply)(tarn_mycustom_counter& cnt, std::string_view value);
 };
 
-/// The first row that matches takes the word. "periods=15" is a period of 5: the value is read as far into
-/// the word as that of "interval=".
+/// The first matching row applies. "periods=15" is a period of 5, because its value is read at the same
+/// offset as that of "interval=".
 constexpr setting settings[] = {{"uid=", 4, set_user},
                                 {"incremental", 11, set_incremental},
                                 {"gid=", 4, set_number<&tarn_mycustom_counter::gid>},
@@ -88,11 +88,11 @@ constexpr setting settings[] = {{"uid=", 4, set_user},
                                 {"type=", 5, set_number<&tarn_mycustom_counter::type>},
                                 {"alert=", 6, set_alert}};
 
-/// Applies one setting; false when the word is none, and so begins the command.
+/// Applies one setting; false when the word is not a setting and so begins the command.
 bool apply_setting(std::string_view word, tarn_mycustom_counter& cnt) {
     for (const setting& row : settings) {
-        if (!word.starts_with(row.word)) continue;
-        row.use(cnt, word.substr(std::min(row.value_at, word.size())));
+        if (!word.starts_with(row.prefix)) continue;
+        row.apply(cnt, word.substr(std::min(row.value_at, word.size())));
         return true;
     }
     return false;

@@ -2,5 +2,5 @@
 
 #include "record/tarn_counter.h"
 
-/// Reads the configuration text into the counter's settings and prints them. Returns 1.
+/// Parses the configuration text into the counter's settings and prints them. Returns 1.
 int custom_parse_conf(tarn_mycustom_counter& cnt);

@@ -1,5 +1,5 @@
-// The script process: runs the scripts on their own periods and hands their results to the parent through a
-// block of shared memory, one slot per script counter in the order of the family.
+// The script process runs the scripts on their own periods and passes their results to the parent in a block
+// of shared memory, one slot per script counter in the order of the family.
 #include "customs/tarn_customs_core.h"
 
 #include <cinttypes>
@@ -27,7 +27,8 @@ char* slot_of(const tarn::attached_block& block, std::size_t at) {
     return static_cast<char*>(block.get()) + at * sizeof(data_custom);
 }
 
-/// The block's id: the one claimed before, as long as it is there. An id of 0 counts as a failure.
+/// The id of the block: the one claimed before while it exists, else a new one. An id of 0 counts as a
+/// failure.
 int publishing_block() {
     static int claimed = -1;
     if (claimed >= 1 && tarn::find_block(config.shm_key, block_size()) == claimed) return claimed;
@@ -56,7 +57,7 @@ int update_if_due(tarn_mycustom_counter& counter, std::uint64_t iteration) {
     return data.mustBeUpdated != 0 ? counter.update(counter) : 0;
 }
 
-/// What the loop carries from one cycle to the next.
+/// What is kept from one cycle to the next.
 struct loop_state {
     std::uint64_t iteration = 0;
     int updatedCount = 0;  ///< scripts that ran successfully in the last cycle
@@ -86,7 +87,7 @@ int updateCustomsCounters(std::uint64_t iteration) {
     trace("Update counters CHILD: customs iteration=%" PRIu64 "...\n", iteration);
     int updated = 0;
     tarn::visit("", custom_family(), [&](tarn_mycustom_counter& counter) {
-        // What is left of a cycle that a stop signal interrupts would never be published.
+        // After a stop signal the results of this cycle will not be published.
         if (stop == 0) updated += update_if_due(counter, iteration);
     });
     trace("done(isUpdated = %d)\n", updated);
@@ -140,6 +141,6 @@ void read_customs_results() {
         if (counter.data_delta == nullptr) continue;
         auto& result = tarn::data_delta_of<data_custom>(counter);
         std::memcpy(&result, slot_of(block, at), sizeof result);
-        custom_confine(result);
+        custom_sanitize(result);
     }
 }

@@ -1,3 +1,5 @@
+// Forks, checks and stops the script process. Signals go through its pidfd, so that none reaches another
+// process that got its number.
 #include "customs/tarn_customs_process.h"
 
 #include <sys/prctl.h>
@@ -19,19 +21,19 @@
 namespace {
 
 tarn::child_process process;
-pid_t process_id = 0;  ///< 0 without scripts; only tells which shared-memory block is the process's own
+pid_t process_id = 0;  ///< 0 without scripts; identifies the shared-memory block that the process made
 bool has_died = false;
 
-/// The custom counters as they were before init. A process that is started anew inherits the parent's.
+/// Releases the records of the script counters, which a restarted process inherits from the parent.
 void release_inherited() {
     for (std::size_t at = 0; at < stats.ncustom_counters; ++at)
         tarn::free_records<tarn_mycustom_data_custom>(stats.custom_counters[at]);
 }
 
-/// The whole life of the script process, which belongs to `parent`.
+/// Runs the script process, whose parent is process `parent`.
 void childThread(pid_t parent) {
-    // A stop signal to the whole group comes to this process twice, the second time from the parent; and a
-    // parent that dies without a word must not leave it behind.
+    // The handler must stay installed: a stop signal to the process group arrives twice, the second time from
+    // the parent. The process must also end when the parent dies without stopping it.
     struct sigaction action {};
     ::sigaction(SIGTERM, nullptr, &action);
     action.sa_flags = 0;
@@ -46,7 +48,7 @@ void childThread(pid_t parent) {
     freeCustomsCounters();
 }
 
-/// What the process published last is not fresh any more.
+/// Drops the last results of a process that has died, because they would be reported again.
 void drop_results() {
     tarn::remove_block_made_by(config.shm_key, process_id);
     for (std::size_t at = 0; at < stats.ncustom_counters; ++at) {
@@ -87,7 +89,7 @@ void watch_customs_process() {
 
 void stop_customs_process() {
     constexpr int step_ms = 10;
-    // One signal alone could come just before the process begins to wait.
+    // A single signal could arrive just before the process begins to wait, and be missed.
     for (int turn = 0; process && turn < 100; ++turn) {
         process.signal(SIGTERM);
         if (process.wait_end(step_ms)) process.reap();

@@ -1,15 +1,14 @@
 #pragma once
 
-/// The script process as its parent sees it: started with the agent, watched once per cycle, started anew
-/// when it has died, stopped with the agent.
+/// The parent's control of the script process: it is started with the agent, checked once per cycle,
+/// restarted when it has died, and stopped with the agent.
 
-/// Starts the script process; false when it cannot be forked. The new process returns from here only by
-/// ending.
+/// Starts the script process; false when the fork fails. In the new process the call does not return.
 bool start_customs_process();
 
-/// Called in every cycle. A process that has died is reported in one line, and its results are dropped; in
-/// the next cycle it is started anew.
+/// Called in every cycle. Reports a script process that has died and drops its results; the next call
+/// restarts it.
 void watch_customs_process();
 
-/// Ends the script process, if there is one: waits for it, but not for longer than a second.
+/// Stops the script process, if there is one, and waits at most one second for its end.
 void stop_customs_process();

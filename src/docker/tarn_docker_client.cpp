@@ -1,5 +1,5 @@
-// The client of the engine's API: one request per connection over the engine's Unix socket. The answer is
-// HTTP headers and a JSON body; the engine closes the connection after it.
+// A client of the engine's API: one request per connection to the engine's Unix socket. The answer is HTTP
+// headers and a JSON body; the engine then closes the connection.
 #include "docker/tarn_docker_client.h"
 
 #include <poll.h>
@@ -17,10 +17,10 @@ namespace {
 
 constexpr auto timeout = std::chrono::seconds(1);
 constexpr std::size_t max_request = 1023;
-constexpr std::size_t first_answer = 4096;
+constexpr std::size_t first_size = 4096;
 constexpr std::size_t max_answer = std::size_t{4} << 20U;
 
-/// A name as the engine allows it.
+/// True for a name that the engine allows for a container.
 bool is_container_name(std::string_view name) {
     const auto is_alphanumeric = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
     return !name.empty() && is_alphanumeric(name.front()) &&
@@ -28,33 +28,34 @@ bool is_container_name(std::string_view name) {
                        [&](char c) { return is_alphanumeric(c) || c == '_' || c == '.' || c == '-'; });
 }
 
-enum class step { more, complete, failed };
+enum class read_result { more, complete, failed };
 
 /// Waits for the engine and appends one read to the answer.
-step read_more(const tarn::stream& connection, tarn::deadline end, std::string& answer, std::size_t& length) {
+read_result read_more(const tarn::stream& connection, tarn::deadline end, std::string& answer,
+                      std::size_t& length) {
     pollfd polled{connection.socket.get(), POLLIN, 0};
     const int ready = ::poll(&polled, 1, end.left_ms());
     if (ready < 0) {
         std::perror("select() failed");
-        return step::failed;
+        return read_result::failed;
     }
     if (ready == 0) {
         if (length == 0) tarn::budget.note_timeout();
         std::printf("select() returned 0\n");
-        return step::complete;
+        return read_result::complete;
     }
     if (length == answer.size()) {
-        if (length >= max_answer) return step::failed;
-        answer.resize(std::max(first_answer, length * 2));
+        if (length >= max_answer) return read_result::failed;
+        answer.resize(std::max(first_size, length * 2));
     }
     const ssize_t got = tarn::receive_once(connection, std::span(answer).subspan(length));
     if (got < 0) {
         tarn::budget.note_failure(errno);
         std::perror("read() failed");
-        return step::failed;
+        return read_result::failed;
     }
     length += static_cast<std::size_t>(got);
-    return got == 0 ? step::complete : step::more;
+    return got == 0 ? read_result::complete : read_result::more;
 }
 
 }  // namespace
@@ -67,11 +68,11 @@ tarn::stream tarn_docker_connect(std::string_view sock_path) {
     return connection;
 }
 
-std::optional<std::string> tarn_docker_request(std::string_view before, std::string_view name,
-                                               std::string_view after) {
+std::optional<std::string> tarn_docker_request(std::string_view prefix, std::string_view name,
+                                               std::string_view suffix) {
     if (!is_container_name(name)) return std::nullopt;
     std::string request = "GET ";
-    request.append(before).append(name).append(after).append(" HTTP/1.0\n\n");
+    request.append(prefix).append(name).append(suffix).append(" HTTP/1.0\n\n");
     if (request.size() > max_request) return std::nullopt;
     return request;
 }
@@ -86,10 +87,10 @@ std::optional<std::string> tarn_docker_cmd(const tarn::stream& connection, std::
     const tarn::deadline end = tarn::deadline(timeout).or_before(latest);
     std::string answer;
     std::size_t length = 0;
-    step last = step::more;
-    while (last == step::more)
+    read_result last = read_result::more;
+    while (last == read_result::more)
         last = read_more(connection, end, answer, length);
-    if (last == step::failed) return std::nullopt;
+    if (last == read_result::failed) return std::nullopt;
     answer.resize(length);
     return answer;
 }

@@ -1,4 +1,4 @@
-// The container table: filled from the engine's answers to "/containers/NAME/json", of which State and
+// The container table is filled from the engine's answers to "/containers/NAME/json", of which State and
 // NetworkSettings.IPAddress are used.
 #include "docker/tarn_docker_core.h"
 
@@ -31,26 +31,27 @@ std::atomic_ref<std::uint16_t> shared_count(const tarn_docker& docker) {
     return std::atomic_ref(docker.shared().count);
 }
 
-/// True when this run only shows the configuration and the table is that of an agent that runs.
+/// True when this run only shows the configuration and the block belongs to another running agent.
 bool is_left_alone(const tarn_docker& docker) {
     return config.showconfigonly != 0 && tarn::is_block_of_other_agent(docker.block.id());
 }
 
-/// The configured socket until the statistics process, as it starts, sets the default one.
+/// The configured path, until the statistics process starts and sets the default one.
 std::string_view socket_path(const tarn_docker& docker) {
     const bool is_default = tarn::text_of(docker.shared().sock_path) == tarn_docker_default_socket;
     if (is_default || config.docker_sock_path.empty()) return tarn_docker_default_socket;
     return config.docker_sock_path;
 }
 
-/// Hands what the parent knows of a container to the statistics process. The CPU figure is that one's own.
+/// Copies the parent's record of a container to the shared table. Only the statistics process writes the CPU
+/// figure.
 void publish(tarn_docker& docker, std::size_t index) {
-    const tarn_docker_container_t& known = docker.containers[index];
+    const tarn_docker_container_t& record = docker.containers[index];
     tarn_docker_container_t& shared = docker.shared().containers[index];
-    tarn::copy_terminated(shared.name, known.name);
-    tarn::copy_terminated(shared.ip, known.ip);
-    shared.running = known.running;
-    shared.state = known.state;
+    tarn::copy_terminated(shared.name, record.name);
+    tarn::copy_terminated(shared.ip, record.ip);
+    shared.running = record.running;
+    shared.state = record.state;
     const auto count = static_cast<std::uint16_t>(docker.containers.size());
     if (shared_count(docker).exchange(count, std::memory_order_acq_rel) == count) return;
     if (!docker.statistics_process) return;
@@ -58,8 +59,8 @@ void publish(tarn_docker& docker, std::size_t index) {
     if (is_gone) docker.statistics_process.reset();
 }
 
-/// The answer to the inspection of a container; an empty text when there is none. An engine that has been
-/// silent in this cycle is not asked.
+/// The engine's answer about one container; empty when there is none. An engine that timed out in this cycle
+/// is not asked.
 std::string inspect(tarn_docker& docker, std::string_view name, tarn::deadline latest) {
     const auto request = tarn_docker_request("/containers/", name, "/json");
     if (docker.is_silent) tarn::budget.note_skipped();
@@ -70,7 +71,7 @@ std::string inspect(tarn_docker& docker, std::string_view name, tarn::deadline l
     return answer;
 }
 
-/// The state of a container that does not run; the one that it was in when the engine names none.
+/// The state of a container that is not running; `before` when no flag is set.
 tarn_docker_container_state_t state_of(const nx_json& root, tarn_docker_container_state_t before) {
     struct {
         const char* path;
@@ -94,16 +95,17 @@ void read_answer(const nx_json& root, tarn_docker_container_t& container, char (
     json_get_str_by_path(root, "NetworkSettings.IPAddress", container.ip, sizeof container.ip);
 }
 
-/// The containers for which the engine answered, in the order of the table, and then the others.
+/// Orders a refresh: containers that the engine answered for in table order, then the others, least recently
+/// asked first.
 void order_refresh(const tarn_docker& docker, std::vector<std::size_t>& order) {
     order.resize(docker.containers.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
     std::stable_sort(order.begin(), order.end(), [&docker](std::size_t one, std::size_t other) {
-        const auto place = [&docker](std::size_t at) {
-            const tarn_docker_known& container = docker.containers[at];
-            return container.is_silent ? 1 + container.asked_in : 0;
+        const auto rank = [&docker](std::size_t at) {
+            const tarn_docker_record& container = docker.containers[at];
+            return container.is_silent ? 1 + container.last_refresh : 0;
         };
-        return place(one) < place(other);
+        return rank(one) < rank(other);
     });
 }
 
@@ -164,7 +166,7 @@ int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
         return -1;
     }
     const std::size_t index = docker.containers.size();
-    tarn_docker_known& container = docker.containers.emplace_back();
+    tarn_docker_record& container = docker.containers.emplace_back();
     tarn::copy_terminated(container.name, name);
     container.state = TARN_DOCKER_CONT_STATE_EXITED;
     std::atomic_ref(docker.shared().containers[index].cpu_usage) = 0.0;
@@ -201,8 +203,8 @@ int tarn_docker_update(tarn_docker* docker, std::size_t others) {
     order_refresh(*docker, order);
     ++docker->refresh;
     for (std::size_t at = 0; at < order.size() && stop == 0 && !docker->is_silent; ++at) {
-        tarn_docker_known& container = docker->containers[order[at]];
-        container.asked_in = docker->refresh;
+        tarn_docker_record& container = docker->containers[order[at]];
+        container.last_refresh = docker->refresh;
         tarn::budget.begin_exchange(order.size() - at - 1 + others, tarn::slot_of_living);
         try {
             tarn_docker_update_info(*docker, container.name, tarn::budget.end_of_exchange());
@@ -216,7 +218,7 @@ int tarn_docker_update(tarn_docker* docker, std::size_t others) {
 
 std::optional<std::string_view> tarn_docker_resolve(tarn_docker* docker, std::string_view name) {
     if (docker == nullptr) return std::nullopt;
-    // The service itself needs the rest of the time.
+    // The other half of the time is for the service itself.
     const int index = tarn_docker_update_info(*docker, name, tarn::budget.end_of_half());
     if (index < 0) return std::nullopt;
     const tarn_docker_container_t& container = docker->containers[static_cast<std::size_t>(index)];

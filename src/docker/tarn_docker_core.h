@@ -9,7 +9,7 @@
 #include "support/tarn_files.h"
 #include "support/tarn_shared_memory.h"
 
-/// What the engine says of a container.
+/// The state of a container, as reported by the engine.
 enum tarn_docker_container_state_t : int {
     TARN_DOCKER_CONT_STATE_RUNNING,
     TARN_DOCKER_CONT_STATE_PAUSED,
@@ -21,62 +21,61 @@ enum tarn_docker_container_state_t : int {
 
 /// One container of the table.
 struct tarn_docker_container_t {
-    char name[256];                       ///< name or id as a service's configuration wrote it
+    char name[256];                       ///< name or id as written in a service's configuration
     char ip[16];                          ///< IPv4 address, dotted text; empty when unknown
-    int running;                          ///< 1 when the engine says so
+    int running;                          ///< 1 when the engine reports it as running
     tarn_docker_container_state_t state;  ///< see tarn_docker_state_name()
     double cpu_usage;                     ///< percent of one CPU, written by the statistics process alone
 };
 
-/// How many containers can be followed.
+/// Capacity of the container table.
 inline constexpr int tarn_docker_max_containers = 100;
 
-/// Where the engine listens unless the configuration says otherwise.
+/// Default path of the engine's socket.
 inline constexpr const char* tarn_docker_default_socket = "/var/run/docker.sock";
 
-/// The table as it lies in shared memory, texts and numbers only. Any local user can write there: the parent
-/// reads nothing from it but the CPU figures and which of its two socket paths is in force.
+/// The table in shared memory; texts and numbers only. Any local user can write to it, so the parent reads
+/// only the CPU figures and whether the default socket path is in force.
 struct tarn_docker_t {
-    std::uint16_t
-        count;          ///< containers in use; written by the parent (and zeroed as the other process starts)
-    std::uint16_t rnd;  ///< reserved
+    std::uint16_t count;  ///< containers in use; set by the parent, zeroed when the statistics process starts
+    std::uint16_t rnd;    ///< not used
     char sock_path[256];
     tarn_docker_container_t containers[tarn_docker_max_containers];
 };
 
-/// A container as the parent knows it, and how the engine answers for it.
-struct tarn_docker_known : tarn_docker_container_t {
-    bool is_silent = false;      ///< the engine did not answer in time when it was asked last
-    unsigned long asked_in = 0;  ///< the refresh in which it was asked last
+/// The parent's record of a container.
+struct tarn_docker_record : tarn_docker_container_t {
+    bool is_silent = false;          ///< the engine did not answer the last request for it in time
+    unsigned long last_refresh = 0;  ///< number of the refresh that last asked for it
 };
 
-/// The container table of the parent: its own record of what it learned from the engine, and the shared block
-/// through which the statistics process learns the names and hands back the CPU figures.
+/// The parent's container table: its own records of what the engine answered, and the shared block, through
+/// which it passes the names to the statistics process and receives the CPU figures.
 struct tarn_docker {
     key_t key = 0;  ///< System V key of the block
     tarn::attached_block block;
-    std::vector<tarn_docker_known> containers;
-    bool is_silent = false;     ///< the engine did not answer in time in this cycle: it is not asked again
-    bool was_silent = false;    ///< nor in the cycle before
-    unsigned long refresh = 0;  ///< counts the refreshes
-    tarn::unique_fd statistics_process;  ///< pipe to that process: a byte for each change of the count
+    std::vector<tarn_docker_record> containers;
+    bool is_silent = false;              ///< the engine timed out in this cycle and is not asked again
+    bool was_silent = false;             ///< the engine timed out in the previous cycle
+    unsigned long refresh = 0;           ///< number of the current refresh
+    tarn::unique_fd statistics_process;  ///< pipe to that process; one byte per change of the count
 
     [[nodiscard]] tarn_docker_t& shared() const { return *static_cast<tarn_docker_t*>(block.get()); }
 };
 
-/// System V key of the container table: the one after the script results'.
+/// System V key of the container table: the key after that of the script results.
 key_t tarn_docker_key();
 
-/// Creates the table, of which there is one, empties it and points to it; a block that an earlier call made
-/// under another key is removed. The block of another agent that runs is shared; a run that only shows the
-/// configuration leaves such a block as it is. Returns 1; 0, with a message and a null pointer, when there
-/// can be no table, and the agent then goes on without containers.
+/// Creates the only table, empties it and sets `docker` to it. A block that an earlier call made under
+/// another key is removed. The block of another running agent is shared; a run that only shows the
+/// configuration leaves such a block unchanged. Returns 1; 0, with a message and `docker` null, when there is
+/// no block: the agent then runs without containers.
 int docker_init(tarn_docker*& docker);
 
-/// Tells both processes where the engine listens.
+/// Sets the path of the engine's socket in the shared table.
 void docker_set_socket(tarn_docker& docker, std::string_view path);
 
-/// Gives the table up, if there is one, and removes its block from the system unless another agent made it.
+/// Releases the table, if there is one, and removes its block from the system unless another agent made it.
 void docker_free(tarn_docker*& docker);
 
 /// The index of a container, or -1.
@@ -85,22 +84,23 @@ int tarn_docker_find_container(const tarn_docker& docker, std::string_view name)
 /// Adds a container and returns its index, or -1 with a message when the table is full.
 int tarn_docker_add_container(tarn_docker& docker, std::string_view name);
 
-/// Asks the engine about one container, which is added to the table if it is not there yet. Returns its
-/// index, or -1 when there was no answer before the deadline or the table is full.
+/// Asks the engine about one container and adds it to the table if it is new. Returns its index, or -1 when
+/// there is no answer by `latest` or the table is full.
 int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest);
 
-/// Begins a cycle in the table, if there is one: an engine that was silent may be asked again.
+/// Begins a cycle: an engine that timed out may be asked again. `docker` may be null.
 void tarn_docker_begin_cycle(tarn_docker* docker);
 
-/// Asks the engine about every container of the table, if there is a table; `others` exchanges are to be made
-/// after that. Containers for which it was silent come last, the longest unasked first. Returns 0.
+/// Asks the engine about every container of the table; `docker` may be null. Leaves time for `others` further
+/// exchanges in this cycle. Containers that it did not answer for come last, least recently asked first.
+/// Returns 0.
 int tarn_docker_update(tarn_docker* docker, std::size_t others);
 
-/// The address of a running container, which costs one request; nothing when the container is unknown, does
-/// not run, or has no address, and when there is no table. The text is valid until the next refresh.
+/// The address of a running container; costs one request. Returns nothing when the container is unknown, is
+/// not running or has no address, and when `docker` is null. The text is valid until the next refresh.
 std::optional<std::string_view> tarn_docker_resolve(tarn_docker* docker, std::string_view name);
 
-/// The CPU figure of a container of the table, in percent.
+/// CPU usage of a container of the table, percent of one CPU.
 double tarn_docker_cpu_usage(const tarn_docker& docker, std::size_t index);
 
 /// "running", "paused", "restarting", "oomkilled", "dead", "exited"; "unknown" for any other code.

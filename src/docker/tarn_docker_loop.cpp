@@ -1,5 +1,5 @@
-// The statistics process: the engine's answer to "/containers/NAME/stats?stream=true" goes on for ever, one
-// JSON object per second, with the CPU time of the container and of the host now and at the sample before.
+// The statistics process. The engine's answer to "/containers/NAME/stats?stream=true" never ends: one JSON
+// object per second, with the CPU time of the container and of the host, now and at the previous sample.
 #include "docker/tarn_docker_loop.h"
 
 #include <poll.h>
@@ -14,9 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <utility>
 #include <vector>
 
 #include "docker/tarn_docker_client.h"
+#include "docker/tarn_docker_core.h"
 #include "record/tarn_clock.h"
 #include "support/tarn_json.h"
 #include "support/tarn_json_framer.h"
@@ -28,7 +30,7 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 
 constexpr auto connect_timeout = std::chrono::seconds(1);
-constexpr auto life_without_parent = std::chrono::seconds(30);
+constexpr auto orphan_lifetime = std::chrono::seconds(30);
 /// A message is a few kilobytes; a stream whose object grows beyond this did not come from the engine.
 constexpr std::size_t max_pending = std::size_t{1} << 20U;
 
@@ -36,21 +38,21 @@ void docker_log_ch(const char* message) {
     std::printf("[docker-child] %s\n", message);
 }
 
-/// What the process waits for beside its streams: the parent and the stop signals.
+/// Waits for the streams, the parent and the stop signals.
 class waiter final {
   public:
     explicit waiter(tarn::unique_fd parent) : parent_(std::move(parent)) {}
 
-    /// True when the process has to end.
+    /// True when the process must end.
     [[nodiscard]] bool is_over() const { return stop != 0 || is_orphaned(); }
 
-    /// True when the parent has been gone for so long that this process ends by itself.
+    /// True when the parent has been gone for as long as the process may outlive it.
     [[nodiscard]] bool is_orphaned() const { return !parent_ && clock_type::now() >= end_; }
 
-    /// Waits until one of the streams can be read, the parent writes or ends, or a stop signal comes. The
-    /// last element is the parent's.
+    /// Waits until a stream is readable, the parent writes or ends, or a stop signal arrives. The last
+    /// element is for the parent.
     void wait(std::vector<pollfd>& polled) {
-        // Blocked until the wait begins: a signal must not come between the test of the flag and the wait.
+        // Only ppoll() unblocks the signals, so that none arrives between the test of the flag and the wait.
         sigset_t stop_signals;
         sigset_t before;
         ::sigemptyset(&stop_signals);
@@ -64,30 +66,30 @@ class waiter final {
             for (pollfd& one : polled)
                 one.revents = 0;
         }
-        if (polled.back().revents != 0) hear_parent();
+        if (polled.back().revents != 0) read_parent();
     }
 
   private:
-    /// Without a parent the wait ends when its time does.
+    /// Without a parent, waits until `end_` at most.
     int wait_with(const sigset_t& mask, std::vector<pollfd>& polled) const {
         const auto left = std::max(end_ - clock_type::now(), clock_type::duration::zero());
         const timespec limit{std::chrono::ceil<std::chrono::seconds>(left).count(), 0};
         return ::ppoll(polled.data(), polled.size(), parent_ ? nullptr : &limit, &mask);
     }
 
-    void hear_parent() {
+    void read_parent() {
         std::array<char, 128> bytes;
         if (::read(parent_.get(), bytes.data(), bytes.size()) > 0) return;
         parent_.reset();
-        end_ = clock_type::now() + life_without_parent;
+        end_ = clock_type::now() + orphan_lifetime;
     }
 
     tarn::unique_fd parent_;
     clock_type::time_point end_ = clock_type::time_point::max();
 };
 
-/// One container that is followed.
-struct followed {
+/// A container and its open stream.
+struct followed_container {
     tarn::stream stream;
     tarn::json_framer framer;
     docker_stats_t stats;
@@ -103,8 +105,8 @@ int container_count(tarn_docker_t& table) {
     std::exit(EXIT_FAILURE);
 }
 
-/// Opens the stream of a container. The path in the table is this process's own, but anybody may have written
-/// there since, and so into the name: one that is not a container's is not followed.
+/// Opens the stream of a container. Any local user can write to the table, so its socket path is not used,
+/// and a name that the engine would not allow is not followed.
 tarn::stream get_fd_for_container_stats(std::string_view name) {
     const auto request = tarn_docker_request("/containers/", name, "/stats?stream=true");
     if (!request) return {};
@@ -116,7 +118,7 @@ tarn::stream get_fd_for_container_stats(std::string_view name) {
     give_up(connection.failed == tarn::stream_step::connect ? "connect" : "socket");
 }
 
-/// Waits for the first container; false when the process has to end first.
+/// Waits for the first container; false when the process must end first.
 bool wait_for_containers(tarn_docker_t& table, waiter& waiting) {
     std::vector<pollfd> polled(1);
     while (!waiting.is_over() && container_count(table) == 0)
@@ -124,8 +126,8 @@ bool wait_for_containers(tarn_docker_t& table, waiter& waiting) {
     return !waiting.is_over();
 }
 
-/// Takes what a stream has brought; false when it is over.
-bool serve(followed& container, double& cpu_usage) {
+/// Reads once from a stream; false when the stream has ended.
+bool read_stream(followed_container& container, double& cpu_usage) {
     std::array<char, 9999> bytes;
     const ssize_t got = tarn::receive_once(container.stream, bytes);
     if (got < 0 && errno == EINTR) return true;
@@ -139,10 +141,10 @@ bool serve(followed& container, double& cpu_usage) {
     return true;
 }
 
-/// Drops a stream that is over, or whose message does not fit into memory.
-void serve_or_drop(followed& container, double& cpu_usage) {
+/// Reads once from a stream. Closes it when it has ended, or when memory runs out over a message.
+void read_or_close(followed_container& container, double& cpu_usage) {
     try {
-        if (serve(container, cpu_usage)) return;
+        if (read_stream(container, cpu_usage)) return;
     } catch (const std::exception& error) {
         docker_log_ch(error.what());
     }
@@ -150,8 +152,8 @@ void serve_or_drop(followed& container, double& cpu_usage) {
     container.framer = {};
 }
 
-std::vector<followed> open_streams(tarn_docker_t& table) {
-    std::vector<followed> containers(static_cast<std::size_t>(container_count(table)));
+std::vector<followed_container> open_streams(tarn_docker_t& table) {
+    std::vector<followed_container> containers(static_cast<std::size_t>(container_count(table)));
     for (std::size_t at = 0; at < containers.size() && stop == 0; ++at) {
         const std::string name(tarn::text_of(table.containers[at].name).substr(0, 99));
         containers[at].stream = get_fd_for_container_stats(name);
@@ -159,25 +161,25 @@ std::vector<followed> open_streams(tarn_docker_t& table) {
     return containers;
 }
 
-void follow(tarn_docker_t& table, std::vector<followed>& containers, waiter& waiting) {
+void follow(tarn_docker_t& table, std::vector<followed_container>& containers, waiter& waiting) {
     std::vector<pollfd> polled(containers.size() + 1);
     while (!waiting.is_over()) {
-        // A stream that is over has the descriptor -1, which ppoll() ignores.
+        // A closed stream has the descriptor -1, which ppoll() ignores.
         for (std::size_t at = 0; at < containers.size(); ++at)
             polled[at] = {containers[at].stream.socket.get(), POLLIN, 0};
         waiting.wait(polled);
         for (std::size_t at = 0; at < containers.size(); ++at) {
-            if (polled[at].revents != 0) serve_or_drop(containers[at], table.containers[at].cpu_usage);
+            if (polled[at].revents != 0) read_or_close(containers[at], table.containers[at].cpu_usage);
         }
     }
 }
 
-/// The loop of the process on its table. The block goes with it; an orphan leaves one that others use.
+/// The process's loop. Removes the block at its end; an orphaned process leaves a block that others use.
 void docker_loop(const tarn::attached_block& block, waiter& waiting) {
     auto& table = *static_cast<tarn_docker_t*>(block.get());
     if (wait_for_containers(table, waiting)) {
         docker_log_ch("Started gathering stats");
-        std::vector<followed> containers = open_streams(table);
+        std::vector<followed_container> containers = open_streams(table);
         docker_log_ch("Started loop");
         follow(table, containers, waiting);
         docker_log_ch("Stopped loop");
@@ -187,6 +189,7 @@ void docker_loop(const tarn::attached_block& block, waiter& waiting) {
     docker_log_ch("Exiting");
 }
 
+/// The difference of two totals, which wraps instead of overflowing.
 double difference(std::int64_t now, std::int64_t before) {
     const std::uint64_t wrapped = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(before);
     return static_cast<double>(static_cast<std::int64_t>(wrapped));

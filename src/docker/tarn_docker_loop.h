@@ -2,30 +2,30 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
-#include "docker/tarn_docker_core.h"
+#include "support/tarn_files.h"
 
 /// Figures of one statistics message.
 struct docker_stats_t {
-    int ok = 0;                  ///< 1 when the last message was found
-    int ncpu = 0;                ///< processors, as of the sample before
-    std::int64_t cpu_usage = 0;  ///< CPU time of the container, nanoseconds
-    std::int64_t sys_usage = 0;  ///< CPU time of the host, nanoseconds
-    std::int64_t pre_cpu_usage = 0;
+    int ok = 0;                      ///< 1 when the last text held a message
+    int ncpu = 0;                    ///< CPUs at the previous sample
+    std::int64_t cpu_usage = 0;      ///< CPU time of the container, nanoseconds
+    std::int64_t sys_usage = 0;      ///< CPU time of the host, nanoseconds
+    std::int64_t pre_cpu_usage = 0;  ///< the same at the previous sample
     std::int64_t pre_sys_usage = 0;
-    double cpu_usage_percent = 0;  ///< percent of one CPU between the two samples of the message
+    double cpu_usage_percent = 0;  ///< percent of one CPU between the two samples
 };
 
-/// Reads one statistics message, in place. A text without an object sets `ok` to 0; one that does not parse
+/// Parses one statistics message. A text without an object sets `ok` to 0; an object that is not valid JSON
 /// reads as zeros.
 void parse_response(std::string text, docker_stats_t& stats);
 
-/// The container's share of the time between the two samples, in percent of one CPU. Equal host totals give
-/// what the division by zero gives.
+/// CPU usage of the container between the two samples, percent of one CPU. Infinite or not a number when the
+/// host's totals are equal.
 double docker_cpu_percent(const docker_stats_t& stats);
 
-/// The life of the statistics process: waits for the first container, then follows one stream of statistics
-/// per container until the stop flag is set. `parent` is the pipe on which the parent tells of new
-/// containers; 30 seconds after its end, which only the parent's own end brings, the process ends by itself.
+/// Runs the statistics process: waits for the first container, then follows one stream of statistics per
+/// container until the stop flag is set. `parent` is a pipe on which the parent announces containers. The
+/// process also ends 30 seconds after the parent has closed the pipe, which happens only when the parent
+/// ends.
 void dockerThread(tarn::unique_fd parent);

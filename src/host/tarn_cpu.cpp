@@ -1,7 +1,9 @@
-// Read from /proc/stat: the aggregate "cpu" line, nine running totals in jiffies (1/100 s as a rule), and at
-// init the names of the per-CPU lines; from /proc/loadavg: its first number.
+// Reads /proc/stat (the "cpu" line: nine running totals in jiffies, usually 1/100 s; at init the names of the
+// per-CPU lines) and the first number of /proc/loadavg.
 #include "host/tarn_cpu.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <unordered_set>
@@ -14,7 +16,7 @@ namespace {
 
 using data_cpu = tarn_mycustom_data_cpu;
 
-/// The kernel's order of the fields in a "cpu" line.
+/// The fields of the "cpu" line in the kernel's order.
 constexpr std::uint64_t data_cpu::*jiffies[] = {&data_cpu::user,    &data_cpu::nice,   &data_cpu::system,
                                                 &data_cpu::idle,    &data_cpu::iowait, &data_cpu::irq,
                                                 &data_cpu::softirq, &data_cpu::steal,  &data_cpu::guest};

@@ -4,7 +4,7 @@
 
 #include "record/tarn_counter.h"
 
-/// The host's CPU time split in percent over the last interval, its CPU count and load average.
+/// The split of the host's CPU time over the last interval in percent, its CPU count and load average.
 struct tarn_mycustom_data_cpu {
     int ok;               ///< 1 when the record holds valid values
     float lavg;           ///< one-minute load average, from /proc/loadavg
@@ -21,11 +21,11 @@ struct tarn_mycustom_data_cpu {
     std::uint64_t cputot;  ///< data_delta: jiffies of all CPUs in the interval, guest included
 };
 
-/// Counts the per-CPU lines ("cpu0", "cpu1", ...) of /proc/stat; a name that comes twice counts once.
+/// Counts the per-CPU lines ("cpu0", "cpu1", ...) of /proc/stat; a repeated name counts once.
 std::uint32_t cpu_count(std::string_view stat);
 
-/// Reads the jiffies of the "cpu" line of /proc/stat. A field that the line does not hold, or all of them
-/// without that line, keep their values.
+/// Parses the jiffies of the "cpu" line of /proc/stat. A field that is missing from the line keeps its value;
+/// without the line all do.
 void cpu_parse_stat(std::string_view stat, tarn_mycustom_data_cpu& data);
 
 extern const tarn_operations cpu_operations;

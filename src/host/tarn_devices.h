@@ -7,12 +7,12 @@
 #include "record/tarn_records.h"
 #include "support/tarn_bson_append.h"
 
-/// Records that hold a list of devices, each known by its name: rates and report elements per device.
+/// Delta and report of records that hold a list of named devices.
 namespace tarn {
 
-/// Delta: `rates(now, before)` makes the element of data_delta for each device that both samples have. The
-/// record has a `positions` index; `List` is its list. An exception leaves neither rates nor a previous
-/// sample.
+/// Delta: appends the result of `rates(now, before)` to data_delta for each device that is in both samples.
+/// `List` is the record's list, its `positions` the name index. An exception leaves neither rates nor a
+/// previous sample.
 template <auto List, typename Rates>
 int delta_by_name(tarn_mycustom_counter& counter, std::uint64_t iteration, Rates rates) {
     using record = record_of<List>;
@@ -35,8 +35,8 @@ int delta_by_name(tarn_mycustom_counter& counter, std::uint64_t iteration, Rates
     return 1;
 }
 
-/// Report: a section with a sub-document for each element that is ok, keyed by its name; an empty section
-/// while the list is not ok.
+/// Report: appends a section with a sub-document for each element that is ok, keyed by its name. The section
+/// is empty when the list is not ok.
 template <const auto& Figures, auto Name, typename List>
 void append_by_name(bson_t& document, std::string_view key, bool is_ok, const List& list) {
     sub_document section(document, key);

@@ -1,8 +1,7 @@
-// Read from /sys/block: one directory per block device, which has a "device" link only for real hardware;
-// from /proc/diskstats: one line per device, "major minor name" and then the totals since boot.
+// Reads /sys/block (one directory per block device, with a "device" link only for real hardware) and
+// /proc/diskstats (one line per device: "major minor name", then the totals since boot).
 #include "host/tarn_disk.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -24,8 +23,8 @@ namespace {
 using data_disk = tarn_mycustom_data_disk;
 using enum tarn::rule;
 
-/// The fields of a line after the device name, in the kernel's order. Null: merged reads, merged writes and
-/// I/Os in progress, which are not used.
+/// The fields of a line after the device name, in the kernel's order. Null marks those that are not used:
+/// merged reads, merged writes and I/Os in progress.
 constexpr std::uint64_t mibdisk::*diskstats_fields[] = {
     &mibdisk::rbytes,   nullptr,          &mibdisk::sRead, &mibdisk::rticks, &mibdisk::wbytes, nullptr,
     &mibdisk::sWritten, &mibdisk::wticks, nullptr,         &mibdisk::tticks};
@@ -56,8 +55,8 @@ bool has_hardware(int sys_block, const char* device) {
     return ::readlinkat(sys_block, entry_path(device, "device").data(), &target, 1) >= 0;
 }
 
-/// Lists the devices to watch: real hardware, and of the removable ones only sd* (USB disks, not optical
-/// drives). A device whose "removable" cannot be opened takes the flag of the device before it.
+/// Lists the devices to report: real hardware, and of removable devices only sd* (USB disks, not optical
+/// drives). A device whose "removable" cannot be opened has the flag of the previous device.
 void list_devices(tarn::directory_reader& sys_block, std::vector<mibdisk>& list) {
     bool removable = false;
     while (const char* const device = sys_block.next()) {
@@ -69,8 +68,8 @@ void list_devices(tarn::directory_reader& sys_block, std::vector<mibdisk>& list)
     }
 }
 
-/// Percent of the interval that `tticks` milliseconds per second make up, by the CPUs' own clock. The time
-/// base is computed in single precision.
+/// The share of the interval spent on I/O, percent. `tticks` is in milliseconds per second; the length of the
+/// interval is computed from the CPUs' jiffies, in single precision.
 float busy_percent(std::uint64_t tticks, const disk_time_base& base) {
     if (base.ncpus == 0 || base.cputot == 0) return 0;
     const float cpu_ms = static_cast<float>(base.cputot) * 1000.0F / static_cast<float>(base.clock_ticks);
@@ -128,7 +127,7 @@ int disk_init(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-/// The devices of a table, to be compared: a disk is in it from the time on at which it is in /sys/block.
+/// Lists the device names of /proc/diskstats, one on each line.
 void list_names(std::string_view diskstats, std::string& names) {
     names.clear();
     tarn::line_reader lines(diskstats);
@@ -143,8 +142,8 @@ void list_names(std::string_view diskstats, std::string& names) {
 bool disk_walk_watch::is_due(std::string_view diskstats) {
     const auto now = std::chrono::steady_clock::now();
     list_names(diskstats, names_);
-    const bool is_other = directory_.has_changed("/sys/block") || names_ != last_names_;
-    if (!is_other && now < next_) return false;
+    const bool has_changed = directory_.has_changed("/sys/block") || names_ != last_names_;
+    if (!has_changed && now < next_) return false;
     std::swap(names_, last_names_);
     next_ = now + std::chrono::seconds(30);
     return true;
@@ -168,7 +167,7 @@ bool read_disks(data_disk& data) {
             data.watch = {};
             return false;
         }
-        // The walk has read into the buffer that the text was in.
+        // The walk has overwritten the buffer that the text was in.
         diskstats = tarn::read_kernel_file("/proc/diskstats");
         if (!diskstats) return false;
     }

@@ -9,26 +9,27 @@
 #include "support/tarn_files.h"
 #include "support/tarn_name_index.h"
 
-/// One block device. In data and data_prev the figures are totals since boot, in data_delta rates per second.
+/// One block device. The figures are totals since boot in data and data_prev, rates per second in data_delta.
 struct mibdisk {
     int ok;                  ///< the device is in /proc/diskstats; data_delta: in both samples
     char device[256];        ///< name as in /sys/block
-    std::uint64_t rbytes;    ///< reads completed (operations, whatever the name says)
+    std::uint64_t rbytes;    ///< reads completed (operations, despite the name)
     std::uint64_t wbytes;    ///< writes completed (operations)
     std::uint64_t rticks;    ///< milliseconds spent reading
     std::uint64_t wticks;    ///< milliseconds spent writing
     std::uint64_t tticks;    ///< milliseconds spent doing I/O
     std::uint64_t sRead;     ///< sectors of 512 bytes read
     std::uint64_t sWritten;  ///< sectors of 512 bytes written
-    float busy;              ///< data_delta: percent of the interval in which the device was busy
+    float busy;              ///< data_delta: percent of the interval that the device was busy
     float avio;              ///< data_delta: milliseconds of I/O per operation
 };
 
-/// Tells when the walk through /sys/block, the most expensive part of a sample, has to be repeated: when a
-/// device has come or gone, and after a minute, in which the flags of a device may have changed.
+/// Decides when the walk through /sys/block, the most expensive part of a sample, must be repeated: when a
+/// device was added or removed, and after 30 seconds, because the flags of a device may have changed.
 class disk_walk_watch final {
   public:
-    /// `diskstats` lists the devices that exist: a disk is in it from the moment on that it is in /sys/block.
+    /// `diskstats` is the text of /proc/diskstats, where a disk appears together with its entry in
+    /// /sys/block.
     bool is_due(std::string_view diskstats);
 
   private:
@@ -41,14 +42,14 @@ class disk_walk_watch final {
 struct tarn_mycustom_data_disk {
     int ok;                             ///< 1 when the record holds valid values
     std::vector<mibdisk> mibdisk_list;  ///< in the order of the directory /sys/block
-    tarn::name_index positions;         ///< device name to its place in the list
-    disk_walk_watch watch;              ///< data: of the walk that made the list
+    tarn::name_index positions;         ///< index of a device name in the list
+    disk_walk_watch watch;              ///< data: decides when the list is rebuilt
 };
 
-/// What the busy percentage is measured against: the CPU counter's figures of the same cycle.
+/// The time base of the busy percentage: the CPU counter's figures of the same cycle.
 struct disk_time_base {
     std::uint64_t cputot;        ///< jiffies of all CPUs in the interval
-    std::uint32_t ncpus;         ///< number of CPUs; with 0 nothing is busy
+    std::uint32_t ncpus;         ///< number of CPUs; 0 makes `busy` 0
     long clock_ticks = 100;      ///< jiffies per second
     std::uint32_t interval = 1;  ///< seconds between the two samples
 };

@@ -1,5 +1,5 @@
-// Read from /proc/meminfo: lines of a name and a size in kB; from /proc/vmstat: lines of a name and a total,
-// of which the two counts of swapped pages.
+// Reads /proc/meminfo (lines of a name and a size in kB) and the two counts of swapped pages in /proc/vmstat
+// (lines of a name and a total).
 #include "host/tarn_mem.h"
 
 #include <cinttypes>
@@ -29,7 +29,7 @@ constexpr auto figures = tarn::figures_of<data_mem>({
     tarn::number<&data_mem::swaptotal>("SwapTotal:"),
 });
 
-/// Reads pairs of a word and a number. A unit after a number has no number after it and is skipped.
+/// Reads pairs of a word and a number. The unit "kB" is a word without a number, which is skipped.
 void parse_pairs(std::string_view text, data_mem& data) {
     tarn::scanner pairs(text);
     for (std::string_view name = pairs.word(); !name.empty(); name = pairs.word()) {
@@ -39,19 +39,11 @@ void parse_pairs(std::string_view text, data_mem& data) {
     }
 }
 
-}  // namespace
-
-void mem_parse_meminfo(std::string_view meminfo, tarn_mycustom_data_mem& data) {
+void parse_meminfo(std::string_view meminfo, data_mem& data) {
     parse_pairs(meminfo, data);
     data.memused = data.memtotal - data.memfree - data.memcached - data.membuffers;
     data.swapused = data.swaptotal - data.swapfree;
 }
-
-void mem_parse_vmstat(std::string_view vmstat, tarn_mycustom_data_mem& data) {
-    parse_pairs(vmstat, data);
-}
-
-namespace {
 
 int mem_init(tarn_mycustom_counter& counter) {
     tarn::allocate_records<data_mem>(counter, "mem");
@@ -61,10 +53,10 @@ int mem_init(tarn_mycustom_counter& counter) {
 bool mem_update(data_mem& data) {
     const auto meminfo = tarn::read_kernel_file("/proc/meminfo");
     if (!meminfo) return false;
-    mem_parse_meminfo(*meminfo, data);
+    parse_meminfo(*meminfo, data);
     const auto vmstat = tarn::read_kernel_file("/proc/vmstat", "\npswpout ");
     if (!vmstat) return false;
-    mem_parse_vmstat(*vmstat, data);
+    parse_pairs(*vmstat, data);
     return true;
 }
 

@@ -1,5 +1,5 @@
-// Read from /etc/mtab, once: device, mount point and type of every mounted filesystem; in each cycle: the
-// filesystem statistics of each mount point.
+// Reads /etc/mtab once (device, mount point and type of every mounted filesystem) and, in each cycle, the
+// statistics of each mount point.
 #include "host/tarn_mount.h"
 
 #include <mntent.h>
@@ -10,13 +10,13 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "host/tarn_devices.h"
 #include "record/tarn_budget.h"
 #include "record/tarn_clock.h"
 #include "record/tarn_config.h"
-#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
@@ -89,7 +89,7 @@ int mount_init(tarn_mycustom_counter& counter) {
     return data.ok;
 }
 
-/// A filesystem that another process serves may take so long to answer.
+/// Time limit for a filesystem that another process serves.
 constexpr auto probe_timeout = std::chrono::seconds(2);
 
 /// Measures a filesystem with one call. An unreachable mount point yields zeros, not an error.

@@ -1,6 +1,6 @@
+// The helper process receives a path on a socket and sends back the result of statvfs().
 #include "host/tarn_mount_probe.h"
 
-#include <linux/close_range.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -9,24 +9,27 @@
 #include <array>
 #include <csignal>
 #include <cstring>
+#include <utility>
+
+#include "support/tarn_files.h"
 
 namespace tarn {
 namespace {
 
-/// The child that asks, and the way to it.
-struct prober {
+/// The helper process and the socket to it.
+struct helper_process {
     child_process process;
     unique_fd socket;
 };
 
-prober helper;
+helper_process helper;
 
 struct answer {
     int is_good;
     struct statvfs statistics;
 };
 
-/// The whole life of the child: it ends with its parent, and holds nothing of it but the socket.
+/// Runs the helper. It ends with its parent, and keeps no descriptor but the standard streams and the socket.
 [[noreturn]] void serve(int socket) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (const int signum : {SIGTERM, SIGABRT, SIGINT})
@@ -46,17 +49,17 @@ struct answer {
 bool start_helper() {
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) return false;
-    unique_fd own(ends[0]);
-    const unique_fd childs(ends[1]);
+    unique_fd parent_end(ends[0]);
+    const unique_fd child_end(ends[1]);
     const pid_t pid = ::fork();
     if (pid < 0) return false;
-    if (pid == 0) serve(childs.get());
-    helper = {child_process(pid), std::move(own)};
+    if (pid == 0) serve(child_end.get());
+    helper = {child_process(pid), std::move(parent_end)};
     return true;
 }
 
-/// A helper that is to be had, after one that has died.
-bool has_helper() {
+/// Starts a helper unless one is running; false when that fails.
+bool ensure_helper() {
     if (helper.socket && helper.process && !helper.process.has_ended()) return true;
     if (helper.process) helper.process.reap();
     return start_helper();
@@ -67,7 +70,7 @@ bool has_helper() {
 bool mount_probe::measure(const char* path, struct statvfs& statistics, deadline end) {
     if (stuck_ && !stuck_.has_ended()) return false;
     if (stuck_) stuck_.reap();
-    if (end.has_passed() || !has_helper()) return false;
+    if (end.has_passed() || !ensure_helper()) return false;
     answer reply{};
     pollfd polled{helper.socket.get(), POLLIN, 0};
     const bool is_answered = ::send(helper.socket.get(), path, std::strlen(path) + 1, MSG_NOSIGNAL) > 0 &&

@@ -1,5 +1,5 @@
-// Read from /proc/net/dev: two header lines, then one line per interface, "name: receive totals (bytes, then
-// seven more) transmit totals (bytes, then seven more)".
+// Reads /proc/net/dev: two header lines, then one line per interface: "name:", the receive totals (bytes and
+// seven more) and the transmit totals (bytes and seven more).
 #include "host/tarn_net.h"
 
 #include <array>
@@ -11,7 +11,6 @@
 
 #include "host/tarn_devices.h"
 #include "record/tarn_config.h"
-#include "record/tarn_operations.h"
 #include "support/tarn_files.h"
 #include "support/tarn_text.h"
 
@@ -33,13 +32,13 @@ constexpr auto figures = tarn::figures_of<mibnet>({
     tarn::appended_by(append_bits<&mibnet::sbytes>, tarn::reported<&mibnet::sbytes, per_second>("sbytes")),
 });
 
-/// Takes the interface name off a line, with its colon. Old kernels put no blank between the colon and the
-/// first number.
+/// Removes the interface name and its colon from the front of a line. Old kernels put no blank between the
+/// colon and the first number.
 std::string_view take_name(std::string_view& line) {
     return tarn::next_token(line, " \t\n\v\f\r:");
 }
 
-/// Reads the first number as received, the ninth as sent. A number that a cut line does not hold is 0.
+/// Reads the first number as received, the ninth as sent. A number missing from a truncated line is 0.
 void parse_totals(std::string_view text, mibnet& interface) {
     std::array<std::uint64_t, 9> totals{};
     tarn::scanner fields(text);
@@ -90,7 +89,7 @@ int net_init(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-/// `ok` keeps the success of the update before until the list is read: the entries take it over.
+/// `ok` is changed only after the list is read, because the entries copy that of the previous update.
 int net_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_net>(counter);
     try {

@@ -1,6 +1,5 @@
-// Read from /etc/os-release (lines KEY=value, values quoted or not) and, if that names no known distribution,
-// from the first line of older release files; from /proc/self/statm: pages, the second number resident; from
-// /proc/sys/fs/file-nr: allocated handles first.
+// Reads /etc/os-release (lines KEY=value, values quoted or not) or, if that names no known distribution, the
+// first line of older release files; and the agent's resident pages and the system's allocated file handles.
 #include "host/tarn_os.h"
 
 #include <sys/utsname.h>
@@ -18,7 +17,7 @@ namespace {
 
 using data_os = tarn_mycustom_data_os;
 
-/// A word of a release file and the family that it tells.
+/// A word of a release file and the family that it belongs to.
 struct family_word {
     std::string_view word;
     os_family family;
@@ -36,14 +35,14 @@ constexpr family_word first_words[] = {{"CentOS", os_family::redhat}, {"Fedora",
                                        {"Amazon", os_family::redhat}, {"Red", os_family::redhat},
                                        {"Ubuntu", os_family::debian}, {"Debian", os_family::debian}};
 
-/// Names of the files and the names under which they are reported.
+/// Names in the release files and the names that are reported for them.
 constexpr std::string_view report_names[][2] = {{"Debian GNU/Linux", "Debian"},
                                                 {"CentOS Linux", "CentOS"},
                                                 {"Amazon Linux AMI", "AmazonLinux"},
                                                 {"Amazon", "AmazonLinux"},
                                                 {"Red", "RHEL"}};
 
-/// Older release files, in the order in which they are tried. The comma in the last is how it is read.
+/// Older release files, in the order in which they are tried. The comma in the last path is intended.
 struct release_file {
     const char* path;
     bool debian_too;
@@ -51,7 +50,7 @@ struct release_file {
 constexpr release_file release_files[] = {
     {"/etc/redhat-release", false}, {"/etc/issue", true}, {"/etc/issue,net", true}};
 
-/// Longest line of a release file that is looked at; what is longer counts as further lines.
+/// Maximum length of a line of a release file; a longer one counts as several lines.
 constexpr std::size_t line_limit = 1023;
 constexpr std::size_t text_limit = 32;
 
@@ -74,7 +73,7 @@ os_release read_release() {
     return release;
 }
 
-/// What the release files tell now. The older ones are watched by reading them.
+/// The facts from the release files as they are now. The older files are read in every cycle.
 const os_release& find_release() {
     static tarn::file_watch watch;
     static os_release release;
@@ -83,7 +82,7 @@ const os_release& find_release() {
     return release;
 }
 
-/// KiB of resident memory; 0 when the kernel does not tell.
+/// Resident memory, KiB: the second number of statm, in pages. 0 when the file cannot be read.
 std::uint32_t resident_memory() {
     const auto statm = tarn::read_kernel_file("/proc/self/statm");
     if (!statm) return 0;
@@ -93,6 +92,7 @@ std::uint32_t resident_memory() {
     return static_cast<std::uint32_t>(pages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE)) / 1024);
 }
 
+/// The first number of file-nr. 0 when the file cannot be read.
 std::uint64_t allocated_handles() {
     const auto file_nr = tarn::read_kernel_file("/proc/sys/fs/file-nr");
     return file_nr ? tarn::to_number<std::uint64_t>(*file_nr) : 0;

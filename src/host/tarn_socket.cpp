@@ -1,4 +1,4 @@
-// Read from /proc/net/sockstat: "TCP: inuse 12 orphan 3 tw 40 alloc 20 mem 5" and "UDP: inuse 4 mem 2".
+// Reads /proc/net/sockstat: "TCP: inuse 12 orphan 3 tw 40 alloc 20 mem 5" and "UDP: inuse 4 mem 2".
 #include "host/tarn_socket.h"
 
 #include <cstdio>
@@ -13,7 +13,7 @@ using data_socket = tarn_mycustom_data_socket;
 using tarn::bson::int32;
 using enum tarn::rule;
 
-/// The numbers of a "TCP:" line in the kernel's order.
+/// The numbers of a line in the kernel's order.
 constexpr std::uint32_t data_socket::*tcp_fields[] = {&data_socket::tcp_inuse, &data_socket::tcp_orphan,
                                                       &data_socket::tcp_tw};
 constexpr std::uint32_t data_socket::*udp_fields[] = {&data_socket::udp_inuse};
@@ -26,7 +26,7 @@ constexpr auto figures = tarn::figures_of<data_socket>({
     tarn::reported<&data_socket::udp_inuse, as_read, int32>("udp_inuse"),
 });
 
-/// Reads a line "LABEL: name number name number ...", a number for each member.
+/// Reads a line "LABEL: name number name number ...", one number for each member.
 template <std::size_t Members>
 void parse_line(std::string_view line, std::uint32_t data_socket::*const (&members)[Members],
                 data_socket& data) {
@@ -37,17 +37,14 @@ void parse_line(std::string_view line, std::uint32_t data_socket::*const (&membe
     }
 }
 
-}  // namespace
-
-void socket_parse_sockstat(std::string_view sockstat, tarn_mycustom_data_socket& data) {
+/// A count that is missing from the text keeps its value.
+void parse_sockstat(std::string_view sockstat, data_socket& data) {
     tarn::line_reader lines(sockstat);
     for (std::string_view line; lines.next(line);) {
         if (line.starts_with("TCP:")) parse_line(line, tcp_fields, data);
         if (line.starts_with("UDP:")) parse_line(line, udp_fields, data);
     }
 }
-
-namespace {
 
 int socket_init(tarn_mycustom_counter& counter) {
     tarn::allocate_data<data_socket>(counter, "socket");
@@ -56,7 +53,7 @@ int socket_init(tarn_mycustom_counter& counter) {
 
 bool socket_update(data_socket& data) {
     const auto sockstat = tarn::read_kernel_file("/proc/net/sockstat");
-    if (sockstat) socket_parse_sockstat(*sockstat, data);
+    if (sockstat) parse_sockstat(*sockstat, data);
     return sockstat.has_value();
 }
 

@@ -1,3 +1,4 @@
+// An exchange may use all the time that later ones do not need, so that one silent peer cannot use it up.
 #include "record/tarn_budget.h"
 
 #include <algorithm>

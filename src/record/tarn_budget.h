@@ -5,51 +5,51 @@
 
 #include "support/tarn_deadline.h"
 
-/// What a cycle may spend on waiting for others, and how one exchange uses its share.
+/// The time that a cycle may spend waiting for peers, and the share of one exchange.
 namespace tarn {
 
-/// Kept of a cycle's time for each exchange that is expected to succeed: far more than an answer takes.
+/// Time reserved for each later exchange that is expected to succeed: far more than an answer takes.
 inline constexpr auto slot_of_living = std::chrono::milliseconds(50);
 
-/// The waits of the current cycle. Between cycles nothing is limited.
+/// Limits the waits of the current cycle. Between cycles nothing is limited.
 class cycle_budget final {
   public:
     using duration = deadline::clock::duration;
 
-    /// Begins a cycle whose waits may take so long altogether.
+    /// Begins a cycle whose waits may take `total` altogether.
     void begin_cycle(duration total);
     void end_cycle();
 
-    /// Begins an exchange after which `others` more are to be made. It may use what is left, less a slot for
-    /// each of the others; when that is too little for all of them, an equal share.
+    /// Begins an exchange that `others` more will follow. It may use the time left less one slot for each of
+    /// them, but at least an equal share.
     void begin_exchange(std::size_t others, duration slot);
 
-    /// False when nothing is left for the exchange: its waits fail at once.
+    /// False when no time is left for the exchange: its waits fail at once.
     [[nodiscard]] bool has_time() const { return !end_of_exchange_.has_passed(); }
 
-    /// The limit of a step of the exchange that has this time-out.
+    /// The limit of the exchange's waits, each of which has this time-out.
     [[nodiscard]] wait_limit limit(duration timeout) const { return {timeout, end_of_exchange_}; }
 
-    /// By when an exchange that may take so long altogether must end.
+    /// The deadline of an exchange that may take `time` altogether.
     [[nodiscard]] deadline end_within(duration time) const {
         return deadline(time).or_before(end_of_exchange_);
     }
 
-    /// By when the exchange must end.
+    /// The deadline of the exchange.
     [[nodiscard]] deadline end_of_exchange() const { return end_of_exchange_; }
 
-    /// By when the first of two exchanges that share the time must end.
+    /// The deadline of the first of two exchanges that share the time.
     [[nodiscard]] deadline end_of_half() const;
 
-    /// Called for a wait of the exchange that failed with this error number.
+    /// Notes that a wait of the exchange failed with this error number.
     void note_failure(int error);
 
-    /// Called for a wait of the exchange that took too long.
+    /// Notes that a wait of the exchange timed out.
     void note_timeout() { timed_out_ = true; }
 
     [[nodiscard]] bool timed_out() const { return timed_out_; }
 
-    /// Called when the exchange was not begun, so that it says nothing about the service.
+    /// Notes that the exchange was not begun, so that its outcome does not count against the service.
     void note_skipped() { skipped_ = true; }
 
     [[nodiscard]] bool was_skipped() const { return skipped_; }

@@ -1,3 +1,4 @@
+// Cycles follow the wall clock and not a timer: a slow cycle does not delay later ones.
 #include "record/tarn_clock.h"
 
 #include <algorithm>
@@ -13,9 +14,14 @@ volatile std::sig_atomic_t stop = 0;
 
 namespace {
 
-constexpr std::uint64_t last_iteration = 1163962800;
+constexpr std::uint64_t iteration_limit = 1163962800;
 
 constexpr long second_ns = 1'000'000'000;
+
+/// True when a cycle falls on second `t`.
+bool is_cycle_second(long t) {
+    return static_cast<std::int64_t>(t) % static_cast<std::int64_t>(config.interval) == config.randomsecond;
+}
 
 }  // namespace
 
@@ -38,16 +44,12 @@ tarn::deadline before_next_cycle(long now) {
                                                    milliseconds(0), interval));
 }
 
-bool is_cycle_second(long t) {
-    return static_cast<std::int64_t>(t) % static_cast<std::int64_t>(config.interval) == config.randomsecond;
-}
-
 bool cycle_clock::is_due(long t) {
     return std::exchange(last_, t) != t && is_cycle_second(t);
 }
 
 std::uint64_t next_iteration(std::uint64_t iteration) {
-    if (iteration + 1 != last_iteration) return iteration + 1;
-    std::printf("WOW! iteration %" PRIu64 "\n", last_iteration);
+    if (iteration + 1 != iteration_limit) return iteration + 1;
+    std::printf("WOW! iteration %" PRIu64 "\n", iteration_limit);
     return 0;
 }

@@ -1,3 +1,4 @@
+// The configuration record and the defaults that hold until an option or a file changes them.
 #include "record/tarn_config.h"
 
 #include <netinet/in.h>
@@ -10,7 +11,7 @@ tarn_config config;
 
 namespace {
 
-/// Mount points that are never worth a disk alert. No key takes one away.
+/// Mount points that are never worth a disk alert. No key removes one.
 constexpr std::array<std::string_view, 10> default_path_masks{
     "/dev/shm", "/run/lock", "/run/shm",     "/run",      "/boot",
     "/dev",     "/proc/sys", "/lib/init/rw", "/boot/efi", "/run/user/*"};

@@ -9,8 +9,8 @@
 struct tarn_docker;
 
 /// The agent's whole configuration: defaults, then the command line, then the files. Read once, at start;
-/// afterwards only the fields marked "run time" change. Fixed texts are read with tarn::text_of(), which
-/// knows that a text may fill its field.
+/// afterwards only the fields marked "run time" change. A text that may fill its field, and so may lack a
+/// terminator, is read with tarn::text_of().
 struct tarn_config {
     char configFile[1025];                    ///< main configuration file
     char extConfigPattern[257];               ///< glob pattern of the extra files
@@ -22,7 +22,7 @@ struct tarn_config {
     char uuid[40];             ///< server UUID text
     char server_name[100];     ///< required with a UUID
     char project_name[100];    ///< required with a UUID
-    char project_secret[100];  ///< sent in the report beside the UUID
+    char project_secret[100];  ///< sent in the report with the UUID
 
     std::uint32_t interval;     ///< reporting interval, seconds
     int proto;                  ///< IP protocol number of the transport: 17 (UDP) or 6 (TCP)
@@ -39,7 +39,7 @@ struct tarn_config {
     int interface_exclude_masks_count;
     char interface_exclude_masks[256][256];  ///< network interfaces left out
 
-    unsigned char secret[256];  ///< signing secret; one of 256 bytes has no terminator
+    unsigned char secret[256];  ///< signing secret; unterminated when 256 bytes long
     int randomsecond;           ///< run time: second of the interval at which a cycle runs
 
     int custom_counters_delimiter;  ///< default period of a script, in cycles (it delimits nothing)
@@ -53,20 +53,19 @@ struct tarn_config {
     int mysql_read_to;     ///< seconds
     int mysql_connect_to;  ///< seconds
 
-    char
-        slow_query_sec[32];  ///< slow-query threshold, seconds, as text; one of 32 characters is unterminated
+    char slow_query_sec[32];  ///< slow-query threshold, seconds, as text; unterminated at full length
 
-    int apacheSlashed;  ///< non-zero: Apache's status page is asked for with a "/" in front of "?auto"
+    int apacheSlashed;  ///< non-zero: Apache's status page is requested with a "/" before "?auto"
 
-    char mysql_lib[512];    ///< file name of the MySQL client library; one of 512 characters is unterminated
-    int mysql_on;           ///< non-zero: a counter needs that library
+    char mysql_lib[512];    ///< file name of the MySQL client library; unterminated at full length
+    int mysql_on;           ///< non-zero: a counter needs this library
     void* mysql_handle;     ///< run time: the loaded library; null when it is not loaded
     char postgre_lib[512];  ///< file name of libpq, as mysql_lib
-    int postgre_on;         ///< non-zero: a counter needs that library
+    int postgre_on;         ///< non-zero: a counter needs this library
     void* postgre_handle;   ///< run time: the loaded library; null when it is not loaded
 
     int debug;           ///< non-zero: print the detailed trace
-    int showconfigonly;  ///< non-zero: print the configuration and end
+    int showconfigonly;  ///< non-zero: print the configuration and exit
 
     tarn_docker* docker;           ///< run time: the container table; null when there is none
     std::string docker_sock_path;  ///< path of the container engine's socket; empty when not configured

@@ -1,3 +1,4 @@
+// The statistics record, its families, and how a family's next slot becomes a counter.
 #include "record/tarn_counter.h"
 
 #include <algorithm>
@@ -51,8 +52,7 @@ int mycustom_set(tarn_mycustom_counter& cnt, std::string_view cfg_string, const 
     return 1;
 }
 
-int mycustom_register(tarn_family family, std::string_view cfg_string, const tarn_operations& operations) {
-    if (mycustom_set(family.slots[family.count], cfg_string, operations) == 0) return 0;
+void mycustom_register(tarn_family family, std::string_view cfg_string, const tarn_operations& operations) {
+    mycustom_set(family.slots[family.count], cfg_string, operations);
     ++family.count;
-    return 1;
 }

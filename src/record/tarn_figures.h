@@ -10,8 +10,8 @@
 #include "support/tarn_bson_append.h"
 #include "support/tarn_text.h"
 
-/// The table of a kind's figures: one row says where a figure stands in the reply and how it is read, what
-/// becomes of it between two samples, and its element of the report.
+/// The table of a kind's figures. A row gives the name of a figure in the reply and how it is read, its rate
+/// rule, and its key and type in the report.
 namespace tarn {
 
 /// One row. A table lists its rows in the order of the report.
@@ -19,13 +19,13 @@ template <typename Record>
 struct figure {
     std::string_view name{};  ///< in the reply; empty when the figure is not read by name
     void (*read)(Record& record, std::string_view value) = nullptr;
-    /// Replaces the figure of `delta` by its rate; null when it is reported as it was read.
+    /// Replaces the figure of `delta` with its rate; null when it is reported as it was read.
     void (*rate)(const Record& data, const Record& prev, Record& delta, std::uint32_t interval) = nullptr;
     std::string_view key{};  ///< in the report; empty when the figure is not reported
     void (*append)(bson_t& document, std::string_view key, const Record& record) = nullptr;
 };
 
-/// What becomes of a figure between two samples.
+/// How a figure is computed from two samples; see tarn_rates.h.
 enum class rule { as_read, per_minute, per_second, increase };
 
 /// The BSON type of a figure. By default texts are strings, floating-point members doubles, and all others
@@ -47,8 +47,8 @@ using record_of = typename member_traits<decltype(Member)>::record;
 template <auto Member>
 using value_of = typename member_traits<decltype(Member)>::value;
 
-/// Stores a number as "%d" does into a member narrower than 64 bits and as "%lu" into others. Without a
-/// number the member keeps its value.
+/// Stores a number, read as "%d" for a member narrower than 64 bits and as "%lu" for others. Without a number
+/// the member keeps its value.
 template <auto Member>
 void store_number(record_of<Member>& record, std::string_view value) {
     using value_type = value_of<Member>;
@@ -96,7 +96,7 @@ constexpr figure<record_of<Member>> reported(std::string_view key) {
     return row;
 }
 
-/// A figure that a function of its own reads. An empty key: it is not reported.
+/// A figure that `Read` reads. With an empty key it is not reported.
 template <auto Member, auto Read, rule Rule = rule::as_read>
 constexpr figure<record_of<Member>> read_by(std::string_view name, std::string_view key = {}) {
     figure<record_of<Member>> row = reported<Member, Rule>(key);
@@ -105,19 +105,19 @@ constexpr figure<record_of<Member>> read_by(std::string_view name, std::string_v
     return row;
 }
 
-/// A number of the reply, which keeps its value when its line holds none.
+/// A number from the reply; it keeps its value when the reply has no number there.
 template <auto Member, rule Rule = rule::as_read>
 constexpr figure<record_of<Member>> number(std::string_view name, std::string_view key = {}) {
     return read_by<Member, store_number<Member>, Rule>(name, key);
 }
 
-/// A number of the reply, which is 0 when its line holds none.
+/// A number from the reply; 0 when the reply has no number there.
 template <auto Member, rule Rule = rule::as_read>
 constexpr figure<record_of<Member>> number_or_0(std::string_view name, std::string_view key = {}) {
     return read_by<Member, store_number_or_0<Member>, Rule>(name, key);
 }
 
-/// A row that is appended by a function of its own, which may append nothing.
+/// A row whose figure is appended by `append`, which may append nothing.
 template <typename Record>
 constexpr figure<Record> appended_by(void (*append)(bson_t&, std::string_view, const Record&),
                                      figure<Record> row) {
@@ -125,7 +125,7 @@ constexpr figure<Record> appended_by(void (*append)(bson_t&, std::string_view, c
     return row;
 }
 
-/// The table itself. A key or name that comes twice does not compile.
+/// The table itself. A duplicate key or name does not compile.
 template <typename Record, std::size_t Rows>
 consteval std::array<figure<Record>, Rows> figures_of(const figure<Record> (&rows)[Rows]) {
     std::array<figure<Record>, Rows> table{};
@@ -133,14 +133,14 @@ consteval std::array<figure<Record>, Rows> figures_of(const figure<Record> (&row
         for (std::size_t other = 0; other < at; ++other) {
             const bool same_key = !rows[at].key.empty() && rows[at].key == rows[other].key;
             const bool same_name = !rows[at].name.empty() && rows[at].name == rows[other].name;
-            if (same_key || same_name) throw "a key or a name comes twice";
+            if (same_key || same_name) throw "duplicate key or name";
         }
         table[at] = rows[at];
     }
     return table;
 }
 
-/// Stores the value of a line under the row whose name the line begins with, if there is one.
+/// Stores the rest of a line that begins with the name of a row as the value of that row.
 template <typename Record, std::size_t Rows>
 void store_by_prefix(std::string_view line, const std::array<figure<Record>, Rows>& figures, Record& record) {
     if (line.empty()) return;
@@ -151,7 +151,7 @@ void store_by_prefix(std::string_view line, const std::array<figure<Record>, Row
     }
 }
 
-/// Stores the value under the row that has exactly this name, if there is one.
+/// Stores the value of the row with exactly this name, if there is one.
 template <typename Record, std::size_t Rows>
 void store_by_name(std::string_view name, std::string_view value,
                    const std::array<figure<Record>, Rows>& figures, Record& record) {
@@ -163,7 +163,7 @@ void store_by_name(std::string_view name, std::string_view value,
     }
 }
 
-/// Replaces the figures of `delta` that have a rule by their rates.
+/// Replaces the figures of `delta` that have a rule with their rates.
 template <typename Record, std::size_t Rows>
 void apply_rules(const std::array<figure<Record>, Rows>& figures, const Record& data, const Record& prev,
                  Record& delta, std::uint32_t interval) {
@@ -172,7 +172,7 @@ void apply_rules(const std::array<figure<Record>, Rows>& figures, const Record& 
     }
 }
 
-/// Appends the reported figures in the order of the table.
+/// Appends the reported figures in table order.
 template <typename Record, std::size_t Rows>
 void append_figures(bson_t& document, const std::array<figure<Record>, Rows>& figures, const Record& record) {
     for (const figure<Record>& row : figures) {

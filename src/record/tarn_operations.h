@@ -16,16 +16,16 @@
 namespace tarn {
 
 template <typename Record>
-struct table_of;
+struct table_traits;
 
 template <typename Record, std::size_t Rows>
-struct table_of<std::array<figure<Record>, Rows>> {
+struct table_traits<std::array<figure<Record>, Rows>> {
     using record = Record;
 };
 
-/// The record of a table of figures.
+/// The record type of a table of figures.
 template <const auto& Figures>
-using record_of_table = typename table_of<std::remove_cvref_t<decltype(Figures)>>::record;
+using record_of_table = typename table_traits<std::remove_cvref_t<decltype(Figures)>>::record;
 
 template <typename Sample>
 struct sample_traits;
@@ -35,8 +35,8 @@ struct sample_traits<bool (*)(Record&)> {
     using record = Record;
 };
 
-/// Update: takes one sample with a function of the record. The sample is not ok while it is being taken, so
-/// that one which an exception ends does not pass for good.
+/// Update: `Sample` fills the record and returns whether it is ok. The record is not ok while it is being
+/// filled, so that a sample that an exception cuts short is not taken for a good one.
 template <auto Sample>
 int sampled(tarn_mycustom_counter& counter) {
     auto& data = data_of<typename sample_traits<decltype(Sample)>::record>(counter);
@@ -45,9 +45,9 @@ int sampled(tarn_mycustom_counter& counter) {
     return data.ok;
 }
 
-/// Delta of nearly every kind with rates: data_delta is a copy of data in which `compute(data, prev, delta)`
-/// replaces the rates, and is ok when this sample and the one before it are. The first cycle only keeps its
-/// sample.
+/// Delta of nearly every kind with rates: copies data into data_delta, where `compute(data, prev, delta)`
+/// then replaces the totals with rates. data_delta is ok when this sample and the previous one are. The first
+/// cycle only stores its sample.
 template <typename Record, typename Compute>
 int delta_scheme(tarn_mycustom_counter& counter, std::uint64_t iteration, Compute compute) {
     const auto& data = data_of<Record>(counter);
@@ -78,7 +78,7 @@ int delta_as_read(tarn_mycustom_counter& counter, std::uint32_t /*interval*/, st
     return 1;
 }
 
-/// Appends a section of the host; all its figures are 0 while `record` is not ok.
+/// Appends a section of the host; all its figures are 0 when `record` is not ok.
 template <const auto& Figures>
 void append_section(bson_t& document, std::string_view key, const record_of_table<Figures>& record) {
     static constexpr record_of_table<Figures> none{};
@@ -86,7 +86,7 @@ void append_section(bson_t& document, std::string_view key, const record_of_tabl
     append_figures(section.document(), Figures, record.ok != 0 ? record : none);
 }
 
-/// Report element of a service with a family of its own, keyed by its id; nothing while the delta is not ok.
+/// Report element of a service with a family of its own, keyed by its id; nothing when the delta is not ok.
 template <const auto& Figures>
 int append_by_id(tarn_mycustom_counter& counter, bson_t& document) {
     const auto& delta = data_delta_of<record_of_table<Figures>>(counter);
@@ -101,7 +101,7 @@ inline std::string labelled_key(const tarn_mycustom_counter& counter) {
     return std::string(counter.report) + "_" + counter.id;
 }
 
-/// Report element of a service of the shared family, which names its report and id; as above.
+/// As append_by_id(), for a service of the shared family: the element also holds its report and id.
 template <const auto& Figures>
 int append_labelled(tarn_mycustom_counter& counter, bson_t& document) {
     const auto& delta = data_delta_of<record_of_table<Figures>>(counter);
@@ -118,8 +118,8 @@ inline int reinit_nothing(tarn_mycustom_counter& /*counter*/) {
     return 1;
 }
 
-/// An operation that does nothing and returns 0 while a client library is not loaded: one body for each form
-/// of operation.
+/// An operation that does nothing and returns 0 while its client library is not loaded. There is one
+/// specialisation for each operation type.
 template <auto IsLoaded, auto Operation>
 struct when_loaded_body;
 

@@ -23,8 +23,8 @@ Record& data_delta_of(const tarn_mycustom_counter& counter) {
     return *static_cast<Record*>(counter.data_delta);
 }
 
-/// Allocates the one block, zero-filled, of a kind whose values are all instantaneous, and names the counter.
-/// The agent does not start without memory: a failed allocation ends the process.
+/// Allocates the only block, zero-filled, of a kind whose values are all instantaneous, and sets the report
+/// name. The agent does not start without memory: a failed allocation ends the process.
 template <typename Record>
 Record& allocate_data(tarn_mycustom_counter& counter, std::string_view report) noexcept {
     copy_terminated(counter.report, report);
@@ -33,7 +33,7 @@ Record& allocate_data(tarn_mycustom_counter& counter, std::string_view report) n
     return *data;
 }
 
-/// Allocates the three blocks; as allocate_data().
+/// As allocate_data(), for all three blocks.
 template <typename Record>
 Record& allocate_records(tarn_mycustom_counter& counter, std::string_view report) noexcept {
     counter.data_prev = new Record{};

@@ -1,3 +1,4 @@
+// The trace goes to standard output, in order with the messages that are always printed.
 #include "record/tarn_trace.h"
 
 #include <cstdarg>

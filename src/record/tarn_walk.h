@@ -8,8 +8,7 @@
 
 namespace tarn {
 
-/// Calls an operation for one counter. An exception (memory that ran out over a reply) costs that counter
-/// only.
+/// Calls an operation of one counter. An exception (no memory for a reply) costs only that counter.
 template <typename Call>
 void call_guarded(tarn_mycustom_counter& counter, Call call) {
     try {
@@ -19,7 +18,7 @@ void call_guarded(tarn_mycustom_counter& counter, Call call) {
     }
 }
 
-/// Announces a family in debug mode and calls each of its counters in turn. The count is read again for each.
+/// Prints `text` in debug mode and makes the call for each counter of a family; re-reads the count each time.
 template <typename Call>
 void visit(const char* text, const tarn_family& family, Call call) {
     trace("%s", text);

@@ -1,3 +1,4 @@
+// The top level of the report. Each counter appends its own element.
 #include "report/tarn_bson.h"
 
 #include <bson/bson.h>
@@ -9,7 +10,6 @@
 #include "record/tarn_counter.h"
 #include "record/tarn_walk.h"
 #include "support/tarn_bson_append.h"
-#include "support/tarn_text.h"
 #include "support/tarn_version.h"
 
 namespace {
@@ -19,7 +19,7 @@ struct report_family {
     tarn_family (*family)();
 };
 
-/// The arrays of the report, in their order.
+/// The arrays in report order.
 constexpr report_family families[] = {{"memcaches", memcache_family}, {"beanstalks", beanstalk_family},
                                       {"custom", custom_family},      {"mysqls", mysql_family},
                                       {"redises", redis_family},      {"mycustoms", mycustom_family}};

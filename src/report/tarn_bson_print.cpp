@@ -10,7 +10,7 @@ namespace {
 
 void print_elements(bson_iter_t& elements, int depth);
 
-/// Prints "type value" of the iterator's element. The report holds these types only.
+/// Prints the type and value of an element. Reports contain only these types.
 void print_value(bson_iter_t& element, int depth) {
     bson_iter_t children;
     switch (bson_iter_type(&element)) {

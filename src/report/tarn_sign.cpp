@@ -1,3 +1,4 @@
+// The signature is a plain digest of document and secret, not an HMAC.
 #include "report/tarn_sign.h"
 
 #include <openssl/sha.h>

@@ -1,5 +1,5 @@
-// Read from an Apache server: "/server-status?auto", lines "name: value", among them the scoreboard, which
-// has one character per worker.
+// Reads the page "/server-status?auto" of an Apache server: lines "name: value". The scoreboard line has one
+// character per worker.
 #include "services/tarn_apache.h"
 
 #include <cinttypes>
@@ -20,7 +20,7 @@ struct scoreboard_cell {
     std::uint64_t data_apache::*member;
 };
 
-/// Cells that are counted. "W" is a worker that sends a reply, whatever the name of its member.
+/// The cells that are counted. In Apache "W" means sending a reply, despite the name of the member.
 constexpr scoreboard_cell cells[] = {{'W', &data_apache::scWaiting},   {'R', &data_apache::scReading},
                                      {'K', &data_apache::scKeepalive}, {'I', &data_apache::scIdlecleanup},
                                      {'D', &data_apache::scDns},       {'G', &data_apache::scFinishing},
@@ -82,7 +82,7 @@ int apache_parse_res(std::string_view raw, tarn_mycustom_data_apache& data) {
 
 namespace {
 
-/// HTTP/1.0 without a Host header, and an Authorization header even without credentials.
+/// HTTP/1.0 without a Host header. The Authorization header is sent even without credentials.
 std::string request_of(const data_apache& data) {
     std::string request = "GET /server-status";
     request.append(config.apacheSlashed != 0 ? "/" : "").append("?auto HTTP/1.0\r\nUser-Agent: tarn-client ");

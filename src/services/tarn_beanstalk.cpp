@@ -1,5 +1,5 @@
-// Read from a beanstalkd server: the reply to "stats", a line "OK length", a line of dashes, then lines
-// "name: value". Only what one read of 4096 bytes brings is parsed.
+// Reads beanstalkd's reply to "stats": a line "OK length", a line of dashes, then lines "name: value". Only
+// the first 4096 bytes, from one read, are parsed.
 #include "services/tarn_beanstalk.h"
 
 #include <array>
@@ -41,7 +41,7 @@ int beanstalk_init1(tarn_mycustom_counter& counter) {
 }  // namespace
 
 void beanstalk_parse_stats(std::string_view reply, tarn_mycustom_data_beanstalk& data) {
-    // Only the first line may end at a carriage return.
+    // A carriage return ends the first line only.
     for (auto line = tarn::next_token(reply, "\r\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
         tarn::scanner words(line);
         const std::string_view name = words.word();

@@ -15,10 +15,10 @@ struct tarn_mycustom_data_beanstalk {
     std::uint64_t jobs;         ///< total-jobs, not reported
     std::uint64_t uptime;       ///< seconds
     std::uint64_t timeout;      ///< job-timeouts, jobs
-    std::uint64_t connections;  ///< current-connections; the gauge's change per minute is reported
+    std::uint64_t connections;  ///< current-connections, a gauge; its change per minute is reported
 };
 
-/// Reads the reply to "stats" into the record.
+/// Parses the reply to "stats".
 void beanstalk_parse_stats(std::string_view reply, tarn_mycustom_data_beanstalk& data);
 
 extern const tarn_operations beanstalk_operations;

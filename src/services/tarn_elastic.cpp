@@ -1,9 +1,10 @@
-// Read from an Elasticsearch node: its thread pools, an object per pool with "queue" and "active", and the
-// cluster's health with its status and shard counts.
+// Reads from an Elasticsearch node: the thread pools, one object per pool with "queue" and "active", and the
+// cluster health, with status and shard counts.
 #include "services/tarn_elastic.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
@@ -25,18 +26,18 @@ constexpr auto figures = tarn::figures_of<data_elastic>({
     tarn::reported<&data_elastic::unassigned_shards>("unassigned_shards"),
 });
 
-/// Status texts, by how they begin, and their codes.
-struct health {
-    std::string_view text;
+/// Prefixes of the status text and their codes.
+struct status_code {
+    std::string_view prefix;
     int code;
 };
-constexpr health healths[] = {{"green", 3}, {"yellow", 2}, {"red", 1}};
+constexpr status_code status_codes[] = {{"green", 3}, {"yellow", 2}, {"red", 1}};
 
-/// "ID HOST:PORT NODE". Only the first ":" after the host separates; a node's name may hold more of them.
+/// "ID HOST:PORT NODE". Only the ":" after the host is a separator; the node's name may contain others.
 void elastic_parse_conf(tarn_mycustom_counter& counter, data_elastic& data) {
     tarn::service_conf conf(counter, "");
     conf.word(counter.id);
-    conf.before(':', data.host);
+    conf.until(':', data.host);
     data.port = static_cast<std::uint16_t>(conf.number());
     conf.word(data.node_name);
     data.in_docker = tarn::read_container(data.host, data.docker_container_name);
@@ -51,12 +52,12 @@ std::uint16_t number_at(const nx_json& root, std::string_view path) {
     return static_cast<std::uint16_t>(json_get_long_by_path(root, path));
 }
 
-/// The sum of one figure over all pools; 0, with a message, when a pool lacks it.
-std::uint16_t sum_of(const nx_json& pools, const char* figure) {
+/// The sum of one member over all pools; 0, with a message, when a pool lacks it.
+std::uint16_t sum_of(const nx_json& pools, const char* member) {
     int error = 0;
-    const std::int64_t sum = json_column_sum(pools, figure, error);
+    const std::int64_t sum = json_column_sum(pools, member, error);
     if (error == 0) return static_cast<std::uint16_t>(sum);
-    std::printf("[elastic] Error: '%s' not found in thread_pool object\n", figure);
+    std::printf("[elastic] Error: '%s' not found in thread_pool object\n", member);
     return 0;
 }
 
@@ -82,8 +83,8 @@ int elastic_parse_cluster_health(std::string body, tarn_mycustom_data_elastic& d
     if (!root) return 0;
     char status[99] = "";
     json_get_str_by_path(*root, "status", status, sizeof status);
-    for (const health& row : healths) {
-        if (std::string_view(status).starts_with(row.text)) data.status = row.code;
+    for (const status_code& row : status_codes) {
+        if (std::string_view(status).starts_with(row.prefix)) data.status = row.code;
     }
     data.relocating_shards = number_at(*root, "relocating_shards");
     data.initializing_shards = number_at(*root, "initializing_shards");
@@ -95,7 +96,7 @@ namespace {
 
 constexpr std::size_t max_path = 255;
 
-/// Neither a Host header nor credentials.
+/// The request has neither a Host header nor credentials.
 std::string tarn_elastic_construct_api_request(const std::string& path) {
     return "GET " + path + " HTTP/1.1\r\n\r\n";
 }

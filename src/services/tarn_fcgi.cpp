@@ -1,5 +1,5 @@
-// The FastCGI protocol: records of an eight-byte header, content and padding. The client sends three records
-// in one write and reads the answer's records from a buffer of 5000 bytes.
+// The FastCGI protocol: a record is an eight-byte header, content and padding. The client sends three records
+// in one write and reads the records of the answer.
 #include "services/tarn_fcgi.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ constexpr std::uint8_t type_begin_request = 1;
 constexpr std::uint8_t type_parameters = 4;
 constexpr std::uint8_t role_responder = 1;
 
-/// The most that is received of an answer; a status page is a few hundred bytes.
+/// Limit of an answer, bytes; a status page is a few hundred.
 constexpr std::size_t max_answer = 4999;
 
 fcgi_header create_header(std::uint8_t type, std::uint16_t request_id, std::size_t content_len) {
@@ -40,8 +40,8 @@ void append_header(std::string& request, const fcgi_header& header) {
 }
 
 void append_length(std::string& buffer, std::size_t length) {
-    constexpr std::size_t longest_short = 127;
-    for (std::size_t byte = 0; byte < (length <= longest_short ? 1U : 4U); ++byte) {
+    constexpr std::size_t max_short = 127;
+    for (std::size_t byte = 0; byte < (length <= max_short ? 1U : 4U); ++byte) {
         buffer.append(1, static_cast<char>(length >> (8 * byte) & 0xFFU));
     }
 }
@@ -53,14 +53,14 @@ void process_header(char byte, fcgi_record& record) {
     record.state = static_cast<fcgi_state>(record.state + 1);
 }
 
-/// Makes room for the content that the header announces.
+/// Allocates the content; its length is in the header.
 void begin_content(fcgi_record& record) {
     record.length = record.header.content_len_hi * 256U + record.header.content_len_lo;
     record.content.assign(record.length, '\0');
     record.state = fcgi_state_content_proc;
 }
 
-/// Takes content and then padding. A record is complete once its padding has been received.
+/// Consumes content, then padding. A record is complete once its padding has been received.
 fcgi_progress process_content(std::span<const char>& bytes, fcgi_record& record) {
     const std::size_t wanted = record.length + record.header.padding_len - record.offset;
     const std::size_t taken = std::min(bytes.size(), wanted);
@@ -79,7 +79,7 @@ fcgi_progress process_content(std::span<const char>& bytes, fcgi_record& record)
     return fcgi_progress::incomplete;
 }
 
-/// Receives once into the buffer; empty at the end of the session.
+/// Receives once into the buffer. An empty result ends the session.
 std::span<const char> receive(const tarn::stream& connection, std::span<char> buffer) {
     const ssize_t got = tarn::receive_reply(connection, buffer);
     if (got < 0 && errno != EINTR && errno != EAGAIN) {
@@ -89,8 +89,8 @@ std::span<const char> receive(const tarn::stream& connection, std::span<char> bu
     return buffer.first(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
 }
 
-/// Decodes records until nothing more comes. What follows a complete record in the same read is dropped.
-void read_answer(const tarn::stream& connection, tarn::deadline end, const fcgi_use_record& use) {
+/// Decodes records until the answer ends. Bytes after a complete record in the same read are dropped.
+void read_answer(const tarn::stream& connection, tarn::deadline end, const fcgi_record_handler& on_record) {
     std::array<char, max_answer> buffer;
     std::size_t total = 0;
     fcgi_record record;
@@ -103,7 +103,7 @@ void read_answer(const tarn::stream& connection, tarn::deadline end, const fcgi_
         if (bytes.empty()) return;
         total += bytes.size();
         if (fcgi_process_record(bytes, record) == fcgi_progress::incomplete) continue;
-        use(record);
+        on_record(record);
         if (bytes.empty()) return;
         record = {};
     }
@@ -119,7 +119,10 @@ std::size_t serialize_name_value(std::string& buffer, const fcgi_name_value& pai
     return buffer.size() - before;
 }
 
-std::string fcgi_status_request(std::string_view status_path) {
+namespace {
+
+/// The whole request for a status page: begin, parameters, end of parameters.
+std::string status_request(std::string_view status_path) {
     const fcgi_name_value nvs[] = {{"SCRIPT_FILENAME", "/tarn_asking_for_status"},
                                    {"SCRIPT_NAME", status_path},
                                    {"REQUEST_URI", status_path},
@@ -129,7 +132,7 @@ std::string fcgi_status_request(std::string_view status_path) {
         serialize_name_value(parameters, pair);
 
     constexpr std::uint16_t request_id = 1;
-    constexpr std::array<char, 8> begin_body{0, role_responder};  // the server closes after the answer
+    constexpr std::array<char, 8> begin_body{0, role_responder};  // flags 0: the server closes the connection
     std::string request;
     append_header(request, create_header(type_begin_request, request_id, begin_body.size()));
     request.append(begin_body.data(), begin_body.size());
@@ -139,23 +142,25 @@ std::string fcgi_status_request(std::string_view status_path) {
     return request;
 }
 
+}  // namespace
+
 fcgi_progress fcgi_process_record(std::span<const char>& bytes, fcgi_record& record) {
     while (record.state <= fcgi_state_reserved) {
         if (bytes.empty()) return fcgi_progress::incomplete;
         process_header(bytes.front(), record);
         bytes = bytes.subspan(1);
     }
-    // Even a record without content is not complete while its header is the last that was received.
+    // Even a record without content is complete only when a byte after its header has arrived.
     if (bytes.empty()) return fcgi_progress::incomplete;
     if (record.state == fcgi_state_content_begin) begin_content(record);
     return process_content(bytes, record);
 }
 
 void simple_session_1(const tarn::stream& connection, std::string_view status_path, tarn::deadline end,
-                      const fcgi_use_record& use) {
-    if (tarn::send_request(connection, fcgi_status_request(status_path)) < 0) {
+                      const fcgi_record_handler& on_record) {
+    if (tarn::send_request(connection, status_request(status_path)) < 0) {
         std::perror("send");
         return;
     }
-    read_answer(connection, end, use);
+    read_answer(connection, end, on_record);
 }

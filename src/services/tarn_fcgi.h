@@ -10,7 +10,7 @@
 #include "support/tarn_deadline.h"
 #include "support/tarn_streams.h"
 
-/// A FastCGI client for one request and its answer, as far as the PHP-FPM counter needs it.
+/// A FastCGI client for one request and its answer, limited to what the PHP-FPM counter needs.
 
 /// The header of a record, in wire order.
 struct fcgi_header {
@@ -31,7 +31,7 @@ struct fcgi_name_value {
     std::string_view value;
 };
 
-/// Where the decoder stands in a record: at one of the eight bytes of its header, or after them.
+/// Position of the decoder in a record: at one of the eight header bytes, or after them.
 enum fcgi_state : int {
     fcgi_state_version,
     fcgi_state_type,
@@ -47,33 +47,30 @@ enum fcgi_state : int {
     fcgi_state_done
 };
 
-/// A record of the answer, as far as it has been decoded.
+/// One record of the answer, which may be only partly decoded.
 struct fcgi_record {
     fcgi_header header;
-    std::string content;     ///< as long as the header says, zero-filled where it has not been received
+    std::string content;     ///< `length` bytes, zero where not yet received
     std::size_t offset = 0;  ///< bytes of content, and then of padding, consumed so far
     std::size_t length = 0;  ///< content length
     fcgi_state state = fcgi_state_version;
 };
 
-/// What the decoder says of the bytes that it was given.
+/// Whether the bytes passed to the decoder completed a record.
 enum class fcgi_progress { incomplete = 1, complete = 2 };
 
-/// Appends one encoded parameter and returns the number of bytes. A length of 128 and more takes four bytes,
-/// least significant first and without a marked top bit: the form of this client, not of the protocol.
+/// Appends one encoded parameter and returns its size in bytes. A length of 128 or more takes four bytes,
+/// least significant first and with the top bit clear; the protocol has the opposite order and sets the bit.
 std::size_t serialize_name_value(std::string& buffer, const fcgi_name_value& pair);
 
-/// The whole request for a status page: begin, parameters, end of parameters; request id 1.
-std::string fcgi_status_request(std::string_view status_path);
-
-/// Decodes a record from the front of `bytes` and removes what belongs to it, never more than there is.
+/// Decodes one record from the front of `bytes` and removes the bytes that it consumed.
 fcgi_progress fcgi_process_record(std::span<const char>& bytes, fcgi_record& record);
 
-/// What is done with a complete record.
-using fcgi_use_record = std::function<void(const fcgi_record& record)>;
+/// Called for each complete record.
+using fcgi_record_handler = std::function<void(const fcgi_record& record)>;
 
-/// One request and its answer on a connected socket. An answer that is cut, not complete by the deadline or
-/// over ends the session without a message; a failed send is printed; any other failure of a receive ends the
-/// process.
+/// Sends one request on a connected socket and passes each complete record of the answer to `on_record`. The
+/// session ends without a message when the answer ends, is cut short or is not complete by the deadline. A
+/// failed send is printed. A receive error other than a time-out ends the process.
 void simple_session_1(const tarn::stream& connection, std::string_view status_path, tarn::deadline end,
-                      const fcgi_use_record& use);
+                      const fcgi_record_handler& on_record);

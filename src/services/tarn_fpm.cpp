@@ -1,4 +1,4 @@
-// Read from a PHP-FPM pool: its status page over FastCGI, lines "name: value" after HTTP-like headers.
+// Reads the status page of a PHP-FPM pool over FastCGI: HTTP-like headers, then lines "name: value".
 #include "services/tarn_fpm.h"
 
 #include <cerrno>
@@ -61,8 +61,8 @@ namespace {
 
 constexpr std::uint8_t type_standard_output = 6;
 
-/// Reports a failed connect, and the send that would fail on it.
-tarn::stream or_report(tarn::stream connection, const char* message, int send_error) {
+/// Reports a failed connect, and the error of the send that would follow it.
+tarn::stream reporting_failure(tarn::stream connection, const char* message, int send_error) {
     if (!connection) {
         tarn::print_error(message, connection.error);
         tarn::print_error("send", send_error);
@@ -71,21 +71,22 @@ tarn::stream or_report(tarn::stream connection, const char* message, int send_er
 }
 
 tarn::stream fcgi_connect(std::string_view host, std::uint32_t port) {
-    return or_report(tarn::connect_service(host, static_cast<int>(port)), "error socket bleble tcp", EPIPE);
+    return reporting_failure(tarn::connect_service(host, static_cast<int>(port)), "error socket bleble tcp",
+                             EPIPE);
 }
 
 tarn::stream fcgi_connect_sock(std::string_view path) {
-    return or_report(tarn::connect_service_path(path), "fpm socket connect failed", ENOTCONN);
+    return reporting_failure(tarn::connect_service_path(path), "fpm socket connect failed", ENOTCONN);
 }
 
-void use_record(const fcgi_record& record, data_fpm& data) {
+void store_record(const fcgi_record& record, data_fpm& data) {
     const std::string_view content = record.content;
     if (record.header.type == type_standard_output)
         fpm_parse_res(content.substr(0, content.find('\0')), data);
     data.ok = 1;
 }
 
-/// `ok` is never 0 again once an answer has been received: a pool that is gone keeps its last figures.
+/// Once an answer has been received, `ok` stays 1: a pool that no longer answers keeps its last figures.
 int fpm_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_fpm>(counter);
     tarn::stream connection;
@@ -98,7 +99,7 @@ int fpm_update(tarn_mycustom_counter& counter) {
     }
     if (connection) {
         simple_session_1(connection, data.status_path, tarn::answer_deadline(1),
-                         [&data](const fcgi_record& record) { use_record(record, data); });
+                         [&data](const fcgi_record& record) { store_record(record, data); });
     }
     return 1;
 }

@@ -1,6 +1,7 @@
+// Requests and answers over HTTP. The content length is not interpreted: a read shorter than the step ends
+// the answer.
 #include "services/tarn_http.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,7 +18,7 @@ constexpr std::size_t page_size = 16384;
 constexpr std::size_t step_size = 4096;
 constexpr std::size_t max_answer = std::size_t{4} << 20U;
 
-/// Reads an answer step by step into one growing text; false when that failed.
+/// Reads an answer step by step into one growing text. Returns false when that fails.
 bool read_steps(const char* kind, const stream& connection, deadline end, std::string& answer) {
     std::size_t length = 0;
     ssize_t got = 0;

@@ -1,5 +1,5 @@
-// Read from a memcached server, over TCP or a Unix socket: the reply to "stats", lines "STAT name value".
-// Only what one read of 4096 bytes brings is parsed.
+// Reads a memcached server's reply to "stats", over TCP or a Unix socket: lines "STAT name value". Only the
+// first 4096 bytes, from one read, are parsed.
 #include "services/tarn_memcache.h"
 
 #include <array>
@@ -27,8 +27,8 @@ constexpr auto figures = tarn::figures_of<data_memcache>({
     tarn::number_or_0<&data_memcache::max_bytes>("limit_maxbytes", "max_bytes"),
 });
 
-/// "HOST:PORT", "HOST:SOCKETPATH" or "[CONTAINER]:PORT"; the whole word is the id. False for a word without a
-/// ":".
+/// "HOST:PORT", "HOST:SOCKETPATH" or "[CONTAINER]:PORT"; the whole word is the id. Returns false when the
+/// word has no ":".
 bool memcache_parse_conf(tarn_mycustom_counter& counter, data_memcache& data) {
     const std::string_view text = tarn::text_of(counter.cfg_string);
     tarn::copy_terminated(counter.id, text);
@@ -39,7 +39,7 @@ bool memcache_parse_conf(tarn_mycustom_counter& counter, data_memcache& data) {
     return text.find(':') != std::string_view::npos;
 }
 
-/// A line that cannot be understood is reported once and never sampled.
+/// The counter of an invalid line is reported once and never sampled.
 int memcache_init1(tarn_mycustom_counter& counter) {
     auto& data = tarn::allocate_records<data_memcache>(counter, "Memcache");
     if (!memcache_parse_conf(counter, data)) {
@@ -58,7 +58,7 @@ int memcache_init1(tarn_mycustom_counter& counter) {
 }  // namespace
 
 void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data) {
-    // Only the first line may end at a carriage return.
+    // A carriage return ends the first line only.
     for (auto line = tarn::next_token(reply, "\r\n"); !line.empty(); line = tarn::next_token(reply, "\n")) {
         if (!line.starts_with("STAT")) continue;
         tarn::scanner words(line);

@@ -11,7 +11,7 @@ struct tarn_mycustom_data_memcache {
     char socket[256];  ///< Unix socket path; empty for TCP
     int port;          ///< TCP port; 0 with a socket
     int ok;            ///< the last update completed
-    int in_docker;     ///< the address names a container
+    int in_docker;     ///< 1 when the address names a container
     char docker_container_name[128];
     std::uint64_t get;          ///< cmd_get, rate
     std::uint64_t set;          ///< cmd_set, rate
@@ -25,7 +25,7 @@ struct tarn_mycustom_data_memcache {
     std::uint64_t max_bytes;    ///< limit_maxbytes, bytes
 };
 
-/// Reads the reply to "stats" into the record.
+/// Parses the reply to "stats".
 void memcache_parse_stats(std::string_view reply, tarn_mycustom_data_memcache& data);
 
 extern const tarn_operations memcache_operations;

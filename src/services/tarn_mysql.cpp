@@ -1,7 +1,8 @@
-// Read from a MySQL server through its client library: global status rows (name, value), InnoDB row counts if
-// the server reports its InnoDB version, and the replication status.
+// Reads from a MySQL server through its client library: global status rows (name, value), InnoDB row counts
+// if the server reports its InnoDB version, and the replication status.
 #include "services/tarn_mysql.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -55,7 +56,7 @@ constexpr const char* status_statement =
 constexpr const char* innodb_statement =
     "select * from information_schema.GLOBAL_STATUS where VARIABLE_NAME like 'INNODB_ROWS_%'";
 
-/// Columns of the replication status.
+/// Column numbers of the replication status, from 0.
 constexpr unsigned slave_io_running = 10;
 constexpr unsigned slave_sql_running = 11;
 constexpr unsigned seconds_behind_master = 32;
@@ -104,7 +105,7 @@ bool connect_mysql(tarn::mysql_connection& connection, const data_mysql& data) {
     return false;
 }
 
-/// Stores the rows of a statement that returns names and values.
+/// Runs a statement that returns names and values, and stores its rows.
 void read_named(const tarn::mysql_connection& connection, const char* statement, data_mysql& data) {
     tarn::mysql_rows result(connection, statement, 2);
     while (char** const row = result.next()) {
@@ -124,11 +125,12 @@ tarn_version_info parse_version(std::string_view text) {
 
 /// True when the server reports an InnoDB version that has the row counts.
 bool has_innodb_rows(const tarn::mysql_connection& connection) {
-    constexpr tarn_version_info first{5, 0};
+    constexpr tarn_version_info oldest{5, 0};
     tarn::mysql_rows result(connection, "SHOW VARIABLES LIKE 'innodb_version'", 2);
     bool has_rows = false;
     while (char** const row = result.next()) {
-        if (row[1] != nullptr) has_rows = has_rows || tarn_version_compare(parse_version(row[1]), first) >= 0;
+        if (row[1] != nullptr)
+            has_rows = has_rows || tarn_version_compare(parse_version(row[1]), oldest) >= 0;
     }
     return has_rows;
 }
@@ -147,7 +149,7 @@ void read_replication(const tarn::mysql_connection& connection, data_mysql& data
 }
 
 bool mysql_update(data_mysql& data) {
-    tarn::mysql_connection connection = tarn::mysql_prepare();
+    tarn::mysql_connection connection = tarn::mysql_create();
     if (!connect_mysql(connection, data)) return false;
     read_named(connection, status_statement, data);
     if (has_innodb_rows(connection)) read_named(connection, innodb_statement, data);

@@ -1,4 +1,4 @@
-// The MySQL client library, reached through the eleven functions that are looked up in it.
+// Loads the MySQL client library and calls it through the eleven functions that are looked up in it.
 #include "services/tarn_mysqlclient.h"
 
 #include <cstdio>
@@ -29,21 +29,21 @@ struct {
     void (*library_end)();
 } library;
 
-/// Options by their numbers in the library's interface.
+/// Option numbers of the library's interface.
 constexpr int opt_connect_timeout = 0;
 constexpr int opt_local_infile = 8;
 constexpr int opt_read_timeout = 11;
 constexpr int opt_write_timeout = 12;
 constexpr int opt_enable_cleartext_plugin = 36;
-constexpr int opt_restricted_auth = 7026;  ///< of the MariaDB client; others refuse it
+constexpr int opt_restricted_auth = 7026;  ///< MariaDB's client only; others reject it
 
-/// Log-in methods that a server may ask for. None of them sends the password in clear or opens a dialog on
-/// the terminal.
+/// Authentication methods that a server may request. None sends the password in clear text or opens a dialog
+/// on the terminal.
 constexpr const char* allowed_methods =
     "mysql_native_password,caching_sha2_password,sha256_password,client_ed25519";
 
 bool look_up_end(void* handle) {
-    // Newer libraries have the function under both names, some only under the older one.
+    // Newer libraries have both names, some only the older one.
     using end_function = decltype(library.library_end);
     void* end = tarn::find_function(handle, "mysql_library_end");
     if (end == nullptr) end = tarn::find_function(handle, "mysql_server_end");
@@ -113,7 +113,7 @@ void mysql_closer::operator()(st_mysql* connection) const {
     library.close(connection);
 }
 
-mysql_connection mysql_prepare() {
+mysql_connection mysql_create() {
     mysql_connection connection(library.init(nullptr));
     if (!connection) return connection;
     set_timeout(connection.get(), opt_connect_timeout, config.mysql_connect_to);
@@ -128,11 +128,11 @@ mysql_connection mysql_prepare() {
 
 bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
     if (!connection) return false;
-    const auto host = looked_up_host(address.host);
-    connection.get_deleter().is_late = !host;
+    const auto host = resolved_host(address.host);
+    connection.get_deleter().lookup_timed_out = !host;
     if (!host) return false;
     connection.get_deleter().socket = next_descriptor();
-    // Twice the time-out: once for the first byte, once for all the rest.
+    // Twice the time-out: once for the first byte, once for the rest.
     const auto timeout = timeout_of(config.mysql_connect_to);
     const socket_deadline deadline(connection.get_deleter().socket, timeout, 2 * timeout);
     return library.real_connect(connection.get(), host->c_str(), address.user, address.password, nullptr,
@@ -140,7 +140,7 @@ bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
 }
 
 const char* mysql_error_text(const mysql_connection& connection) {
-    if (connection.get_deleter().is_late) return "the look-up of the host took too long";
+    if (connection.get_deleter().lookup_timed_out) return "the look-up of the host took too long";
     return connection ? library.error(connection.get()) : "out of memory";
 }
 

@@ -1,4 +1,4 @@
-// Read from an Nginx server: its stub status page, five lines of text. Example:
+// Reads the stub status page of an Nginx server, four lines of text. Example:
 //   Active connections: 3
 //   server accepts handled requests
 //    10 10 25
@@ -17,7 +17,7 @@ namespace {
 using data_nginx = tarn_mycustom_data_nginx;
 using enum tarn::rule;
 
-/// Reads "0 Writing: 1 Waiting: 2", the line after its first name.
+/// Reads "0 Writing: 1 Waiting: 2", the rest of the line after "Reading:".
 void read_connections(data_nginx& data, std::string_view value) {
     tarn::scanner fields(value);
     if (!fields.number(data.reading)) return;
@@ -34,9 +34,9 @@ constexpr auto figures = tarn::figures_of<data_nginx>({
     tarn::reported<&data_nginx::keepalive>("keepalive"),
 });
 
-constexpr std::string_view totals_title = "server accepts handled requests";
+constexpr std::string_view totals_heading = "server accepts handled requests";
 
-/// Reads the third of the three totals; connections accepted and handled are skipped.
+/// Reads the third of the three totals, requests; accepted and handled connections are not used.
 void read_totals(std::string_view line, data_nginx& data) {
     tarn::scanner fields(line);
     int unused = 0;
@@ -46,7 +46,7 @@ void read_totals(std::string_view line, data_nginx& data) {
     }
 }
 
-/// "ID [USER:PASSWORD@]HOST:PORT/PATH SERVER". Every "/" separates, so the path is a single segment.
+/// "ID [USER:PASSWORD@]HOST:PORT/PATH SERVER". Every "/" is a separator, so the path is a single segment.
 void nginx_parse_conf(tarn_mycustom_counter& counter, data_nginx& data) {
     tarn::service_conf conf(counter, "@:/");
     conf.word(counter.id);
@@ -80,7 +80,7 @@ int nginx_parse_res(std::string_view raw, tarn_mycustom_data_nginx& data) {
             read_totals(line, data);
             totals_follow = false;
         } else {
-            totals_follow = line.starts_with(totals_title);
+            totals_follow = line.starts_with(totals_heading);
             tarn::store_by_prefix(line, figures, data);
         }
     }
@@ -89,7 +89,8 @@ int nginx_parse_res(std::string_view raw, tarn_mycustom_data_nginx& data) {
 
 namespace {
 
-/// Two blanks before the version, none after "Host:", and an Authorization header even without credentials.
+/// Two blanks precede the version and none follows "Host:". The Authorization header is sent even without
+/// credentials.
 std::string request_of(const data_nginx& data) {
     std::string request = "GET /";
     request.append(data.request_uri).append("  HTTP/1.1\r\nHost:").append(data.server);

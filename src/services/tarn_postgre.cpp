@@ -1,5 +1,5 @@
-// Read from a PostgreSQL server through libpq, from its statistics views: the background writer,
-// transactions, connections by state and by waiting, and long-running statements.
+// Reads the statistics views of a PostgreSQL server through libpq: the background writer, transactions,
+// connections by state and by waiting, and long-running statements.
 #include "services/tarn_postgre.h"
 
 #include <cinttypes>
@@ -41,7 +41,7 @@ constexpr auto figures = tarn::figures_of<data_postgre>({
     count<&data_postgre::lock_waiting_connections, per_minute>("t", "lock_con"),
     count<&data_postgre::buffers_checkpoint>("buffers_checkpoint", "buf_chk"),
     count<&data_postgre::buffers_clean>("buffers_clean", "buf_clean"),
-    // Goes into the member of the row before.
+    // Stored in the member of the previous row.
     tarn::read_by<&data_postgre::maxwritten_clean, read_count<&data_postgre::buffers_clean>>(
         "maxwritten_clean", "maxw_clean"),
     count<&data_postgre::buffers_backend>("buffers_backend", "buf_b"),
@@ -60,7 +60,7 @@ constexpr const char* transactions_statement =
     "select sum(xact_commit) as comminCnt, sum(xact_rollback) as rollbackCnt  from pg_stat_database";
 constexpr const char* states_statement = "select state, count(*) as cnt from pg_stat_activity group by state";
 
-/// From version 9.6 on a connection waits when it has a wait event; older servers have a column for it.
+/// From version 9.6 on, a connection with a wait event is waiting; older servers have a column for it.
 constexpr const char* wait_event_statement =
     "SELECT CASE WHEN wait_event_type IS NULL THEN 'f' ELSE 't' END AS waiting, COUNT(*) AS cnt FROM "
     "pg_stat_activity GROUP BY waiting";
@@ -85,18 +85,18 @@ int postgre_init(tarn_mycustom_counter& counter) {
     return 1;
 }
 
-/// Selects three counts of statements that are older than the threshold. `running` selects the statements
-/// that run, `query` is the column with their text.
+/// Builds the statement that counts the statements older than the threshold: all, selects, and changes of
+/// data. `running` is the condition for a running statement, `query` the column with its text.
 std::string slow_query_str(std::string_view slow_query_sec, std::string_view running,
                            std::string_view query) {
-    std::string old = " and now() - query_start > '";
-    old.append(slow_query_sec).append(" sec'::interval");
+    std::string slow = " and now() - query_start > '";
+    slow.append(slow_query_sec).append(" sec'::interval");
     std::string text = "select count(*), 'CNT_ALL' AS name from pg_stat_activity where ";
-    text.append(running).append(old);
+    text.append(running).append(slow);
     text.append(" UNION select count(*), 'CNT_SEL' AS name from pg_stat_activity where ").append(running);
-    text.append(" and ").append(query).append(" ilike 'select%'").append(old);
+    text.append(" and ").append(query).append(" ilike 'select%'").append(slow);
     text.append(" UNION select count(*), 'CNT_DML' AS name  from pg_stat_activity where ").append(running);
-    text.append(old).append(" and ").append(query).append(" ~* '^(insert|update|delete)'");
+    text.append(slow).append(" and ").append(query).append(" ~* '^(insert|update|delete)'");
     return text;
 }
 
@@ -112,14 +112,14 @@ std::string get_query_str_old(std::string_view slow_query_sec) {
 
 namespace {
 
-/// Logs in, or reports why that failed. The socket word takes the place of the port.
+/// Logs in, or reports why that failed. A socket word is passed as the port.
 tarn::postgre_connection log_in(const data_postgre& data) {
     const char* const port = data.socket[0] != '\0' ? data.socket : data.port;
     if (*port == '\0') {
         std::fprintf(stderr, "\nFailed to connect to database!");
         return nullptr;
     }
-    const auto host = tarn::looked_up_host(data.host);
+    const auto host = tarn::resolved_host(data.host);
     tarn::postgre_connection connection;
     if (host) connection = tarn::postgre_log_in(host->c_str(), port, data.user, data.pass);
     if (tarn::postgre_is_connected(connection)) return connection;
@@ -135,25 +135,26 @@ tarn::postgre_connection log_in(const data_postgre& data) {
     return nullptr;
 }
 
-/// Runs a statement of one row whose columns are named.
+/// Runs a statement that returns one row, and stores its columns by their names.
 bool read_columns(const tarn::postgre_connection& connection, const char* statement, data_postgre& data) {
-    const tarn::postgre_answer answer(connection, statement);
-    if (!answer) return false;
-    for (int column = 0; column < answer.columns(); ++column)
-        tarn::store_by_name(answer.name(column), answer.text(0, column), figures, data);
+    const tarn::postgre_result result(connection, statement);
+    if (!result) return false;
+    for (int column = 0; column < result.columns(); ++column)
+        tarn::store_by_name(result.name(column), result.text(0, column), figures, data);
     return true;
 }
 
-/// Runs a statement whose rows hold a name and a count, at these columns.
+/// Runs a statement that returns names and counts, and stores them. `name` and `count` are column numbers.
 bool read_counts(const tarn::postgre_connection& connection, const char* statement, int name, int count,
                  data_postgre& data) {
-    const tarn::postgre_answer answer(connection, statement);
-    if (!answer) return false;
-    for (int row = 0; row < answer.rows(); ++row)
-        tarn::store_by_name(answer.text(row, name), answer.text(row, count), figures, data);
+    const tarn::postgre_result result(connection, statement);
+    if (!result) return false;
+    for (int row = 0; row < result.rows(); ++row)
+        tarn::store_by_name(result.text(row, name), result.text(row, count), figures, data);
     return true;
 }
 
+/// Prints the message of a failed statement.
 bool failed(const char* message) {
     std::printf("%s", message);
     return false;
@@ -182,7 +183,7 @@ bool read_all(const tarn::postgre_connection& connection, data_postgre& data) {
     if (!read_columns(connection, transactions_statement, data)) {
         return failed("\n\nSELECT query2 failed.\n\n");
     }
-    const tarn::postgre_answer server(connection, "show server_version_num");
+    const tarn::postgre_result server(connection, "show server_version_num");
     if (!server) return failed("\n\nSHOW SERVER_VERSION_NUM failed.\n\n");
     const auto version = tarn::to_number<std::int64_t>(server.text(0, 0));
     if (!read_connections(connection, version, data)) return false;
@@ -195,10 +196,11 @@ bool read_all(const tarn::postgre_connection& connection, data_postgre& data) {
     return true;
 }
 
-/// An exchange may take this many time-outs: a server that is slow under load is the one to watch.
+/// Time limit of an exchange, in multiples of `counter_tcp_to`. A server that is slow under load must still
+/// be sampled.
 constexpr int exchange_timeouts = 5;
 
-/// A failed login leaves `ok` as it was, so that unchanged figures go on being reported.
+/// A failed login leaves `ok` unchanged, so that the last figures are still reported.
 int postgre_update(tarn_mycustom_counter& counter) {
     auto& data = tarn::data_of<data_postgre>(counter);
     const tarn::postgre_connection connection = log_in(data);

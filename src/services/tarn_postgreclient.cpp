@@ -1,4 +1,4 @@
-// libpq, reached through the twelve functions that are looked up in it and two that need not be there.
+// Loads libpq and calls it through twelve required and two optional functions that are looked up in it.
 #include "services/tarn_postgreclient.h"
 
 #include <fcntl.h>
@@ -17,12 +17,13 @@
 
 namespace {
 
+/// Status codes of the library's interface.
 constexpr int connection_ok = 0;
 constexpr int tuples_ok = 2;
 
 /// The functions of the library, in the order in which they are looked up.
 struct {
-    pg_conn* (*connectdb)(const char* conninfo);  // required to be there, never called
+    pg_conn* (*connectdb)(const char* conninfo);  // required, but never called
     pg_conn* (*setdbLogin)(const char* host, const char* port, const char* options, const char* tty,
                            const char* database, const char* user, const char* password);
     int (*status)(const pg_conn* connection);
@@ -35,12 +36,12 @@ struct {
     char* (*errorMessage)(const pg_conn* connection);
     void (*clear)(pg_result* result);
     void (*finish)(pg_conn* connection);
-    int (*socket)(const pg_conn* connection);  // this and the next: null where the library does not have it
+    int (*socket)(const pg_conn* connection);  // this and the next may be null
     void (*(*setNoticeProcessor)(pg_conn* connection, void (*processor)(void* data, const char* message),
                                  void* data))(void* data, const char* message);
 } library;
 
-/// Looks up a function that need not be there.
+/// Looks up a function; null when the library lacks it.
 template <typename Function>
 void look_up_optional(void* handle, const char* name, Function& function) {
     function = reinterpret_cast<Function>(tarn::find_function(handle, name));
@@ -73,25 +74,25 @@ void set_default(const char* name, const char* value) {
     ::setenv(name, value, keep);
 }
 
-/// Discards the server's notices, which the library would print: there is no limit to them.
+/// Discards the server's notices. The library would print them, however many there are.
 void ignore_notice(void* /*data*/, const char* /*message*/) {}
 
-/// Standard error goes nowhere as long as this object lives. The library prints the notices of a log-in
-/// before anybody can give it another way.
-class quiet_errors final {
+/// Redirects standard error to /dev/null. The library prints the notices of a log-in there, before a notice
+/// processor can be set.
+class silenced_stderr final {
   public:
-    quiet_errors() : kept_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
-        const tarn::unique_fd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-        if (kept_ && nowhere) ::dup2(nowhere.get(), STDERR_FILENO);
+    silenced_stderr() : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+        const tarn::unique_fd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+        if (saved_ && null) ::dup2(null.get(), STDERR_FILENO);
     }
-    ~quiet_errors() {
-        if (kept_) ::dup2(kept_.get(), STDERR_FILENO);
+    ~silenced_stderr() {
+        if (saved_) ::dup2(saved_.get(), STDERR_FILENO);
     }
-    quiet_errors(const quiet_errors&) = delete;
-    quiet_errors& operator=(const quiet_errors&) = delete;
+    silenced_stderr(const silenced_stderr&) = delete;
+    silenced_stderr& operator=(const silenced_stderr&) = delete;
 
   private:
-    tarn::unique_fd kept_;
+    tarn::unique_fd saved_;
 };
 
 }  // namespace
@@ -138,7 +139,7 @@ void postgre_finisher::operator()(pg_conn* connection) const {
 
 postgre_connection postgre_log_in(const char* host, const char* port, const char* user,
                                   const char* password) {
-    const quiet_errors while_logging_in;
+    const silenced_stderr silence;
     const auto timeout = timeout_of(config.counter_tcp_to);
     const socket_deadline deadline(next_descriptor(), timeout, 2 * timeout);
     postgre_connection connection(
@@ -160,32 +161,32 @@ const char* postgre_error_text(const postgre_connection& connection) {
     return connection ? library.errorMessage(connection.get()) : "out of memory";
 }
 
-postgre_answer::postgre_answer(const postgre_connection& connection, const char* statement)
+postgre_result::postgre_result(const postgre_connection& connection, const char* statement)
     : result_(library.exec(connection.get(), statement)) {}
 
-postgre_answer::~postgre_answer() {
+postgre_result::~postgre_result() {
     if (result_ != nullptr) library.clear(result_);
 }
 
-postgre_answer::operator bool() const {
+postgre_result::operator bool() const {
     return library.resultStatus(result_) == tuples_ok;
 }
 
-int postgre_answer::rows() const {
+int postgre_result::rows() const {
     return library.ntuples(result_);
 }
 
-int postgre_answer::columns() const {
+int postgre_result::columns() const {
     return library.nfields(result_);
 }
 
-std::string_view postgre_answer::name(int column) const {
+std::string_view postgre_result::name(int column) const {
     return view_of(library.fname(result_, column));
 }
 
-std::string_view postgre_answer::text(int row, int column) const {
-    const bool is_there = row < rows() && column < columns();
-    return is_there ? view_of(library.getvalue(result_, row, column)) : std::string_view();
+std::string_view postgre_result::text(int row, int column) const {
+    const bool exists = row < rows() && column < columns();
+    return exists ? view_of(library.getvalue(result_, row, column)) : std::string_view();
 }
 
 }  // namespace tarn

@@ -1,9 +1,11 @@
-// Read from a RabbitMQ broker: "/api/nodes", an array of objects of which the first is used, and
-// "/api/queues", an array of objects with a number of messages each.
+// Reads from a RabbitMQ broker "/api/nodes", an array of objects of which the first is used, and
+// "/api/queues", an array of objects with one message count each.
 #include "services/tarn_rabbit.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <utility>
 
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
@@ -58,7 +60,7 @@ double percent(double part, double whole) {
     return whole == 0 ? 0.0 : part * 100 / whole;
 }
 
-/// No usable first node: every figure is 0.
+/// Clears every figure: there is no usable first node.
 void clear_node(data_rabbit& data) {
     data.fd_used = data.fd_total = 0;
     data.processors = data.proc_total = data.proc_used = 0;

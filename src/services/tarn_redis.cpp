@@ -1,6 +1,5 @@
-// Read from a Redis server: the reply to the inline command "info", lines "name:value". Only what one read of
-// 4096 bytes brings is parsed; newer servers send more, and figures beyond it (replication and key counts)
-// keep their earlier values.
+// Reads a Redis server's reply to the inline command "info": lines "name:value". Only the first 4096 bytes
+// are parsed; newer servers send more, and later figures (replication, key counts) keep their earlier values.
 #include "services/tarn_redis.h"
 
 #include <array>
@@ -13,7 +12,7 @@ namespace {
 
 using data_redis = tarn_mycustom_data_redis;
 
-/// 1 when the first word of the value begins as expected, else 0.
+/// 1 when the first word of the value begins with `expected`, else 0.
 std::uint32_t flag(std::string_view value, std::string_view expected) {
     return tarn::scanner(value).word().starts_with(expected) ? 1 : 0;
 }
@@ -88,7 +87,7 @@ int redis_init(tarn_mycustom_counter& counter) {
     return 0;
 }
 
-/// The agent cannot go on when it cannot make sockets at all.
+/// Ends the agent, which cannot work without sockets.
 [[noreturn]] void DieWithError(const char* message) {
     std::fprintf(stderr, "%s\n", message);
     std::exit(EXIT_FAILURE);
@@ -107,7 +106,7 @@ tarn::stream connect_redis(data_redis& data) {
 
 constexpr std::size_t reply_size = 4096;
 
-/// Sends the password, if there is one. The message shows the command as it is sent.
+/// Sends the password, if there is one. The message shows the whole command, password included.
 bool log_in(const tarn::stream& connection, const data_redis& data) {
     if (data.pass[0] == '\0') return true;
     const std::string command = std::string("AUTH ") + data.pass + "\r\n";

@@ -8,12 +8,12 @@
 /// whose line is missing from a reply keeps its earlier value.
 struct tarn_mycustom_data_redis {
     char user[256];  ///< stored, never sent
-    char pass[256];  ///< empty: no authentication
-    char name[256];  ///< reserved
+    char pass[256];  ///< empty for no authentication
+    char name[256];  ///< never filled; printed empty
     char host[256];  ///< IPv4 address, or "[container]"
     std::uint32_t port;
     int ok;         ///< the last update completed the exchange
-    int in_docker;  ///< the host names a container
+    int in_docker;  ///< 1 when the host names a container
     char docker_container_name[128];
     char replica_role[256];            ///< "master" or "slave"
     std::uint32_t master_link_status;  ///< 1 when the link to the master is up
@@ -34,7 +34,7 @@ struct tarn_mycustom_data_redis {
     std::uint32_t num_of_keys;                 ///< keys of database 0
 };
 
-/// Reads the reply to "info" into the record.
+/// Parses the reply to "info".
 void redis_parse_info(std::string_view reply, tarn_mycustom_data_redis& data);
 
 extern const tarn_operations redis_operations;

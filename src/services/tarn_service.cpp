@@ -1,3 +1,5 @@
+// Reads configuration texts by the rules of scanf, and bounds every wait for a service by its time-out and by
+// the budget of the cycle.
 #include "services/tarn_service.h"
 
 #include <cerrno>
@@ -15,13 +17,13 @@ wait_limit service_limit() {
     return budget.limit(timeout_of(config.counter_tcp_to));
 }
 
-/// Tells the budget of a wait that took too long.
-stream noted(stream connection) {
+/// Returns its argument, and reports a wait that timed out to the budget.
+stream watched(stream connection) {
     if (!connection) budget.note_failure(connection.error);
     return connection;
 }
 
-ssize_t noted(ssize_t result) {
+ssize_t watched(ssize_t result) {
     if (result < 0) budget.note_failure(errno);
     return result;
 }
@@ -65,8 +67,8 @@ std::optional<std::string> service_host(const char* kind, int in_docker, std::st
     return std::nullopt;
 }
 
-std::optional<std::string> looked_up_host(const std::string& host) {
-    // "localhost" and a path mean a Unix socket to the libraries.
+std::optional<std::string> resolved_host(const std::string& host) {
+    // To the libraries, "localhost" and a path mean a Unix socket.
     if (host.empty() || host == "localhost" || host.starts_with('/')) return host;
     const host_lookup found =
         look_up_host(host.c_str(), budget.end_within(timeout_of(config.counter_tcp_to)));
@@ -77,19 +79,19 @@ std::optional<std::string> looked_up_host(const std::string& host) {
 }
 
 stream connect_service(std::string_view host, int port) {
-    return noted(connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port, service_limit()));
+    return watched(connect_tcp(parse_ipv4(host).value_or(in_addr{INADDR_NONE}), port, service_limit()));
 }
 
 stream connect_service_path(std::string_view path) {
-    return noted(connect_unix(path, service_limit()));
+    return watched(connect_unix(path, service_limit()));
 }
 
 ssize_t send_request(const stream& connection, std::string_view request) {
-    return noted(send_once(connection, request));
+    return watched(send_once(connection, request));
 }
 
 ssize_t receive_reply(const stream& connection, std::span<char> buffer) {
-    return noted(receive_once(connection, buffer));
+    return watched(receive_once(connection, buffer));
 }
 
 deadline answer_deadline(int timeouts) {

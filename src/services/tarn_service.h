@@ -13,11 +13,11 @@
 #include "support/tarn_streams.h"
 #include "support/tarn_text.h"
 
-/// What the service clients share: the reading of their configuration text and the way to their server.
+/// Shared by the service clients: parsing of their configuration text and connections to their servers.
 namespace tarn {
 
-/// The configuration text of a service, "id user:password@host:port ...", read word by word with its
-/// separators replaced by blanks.
+/// Reads the configuration text of a service, "id user:password@host:port ...", word by word. The separators
+/// are replaced by blanks first.
 class service_conf final {
   public:
     service_conf(const tarn_mycustom_counter& counter, std::string_view separators);
@@ -28,13 +28,13 @@ class service_conf final {
     /// True when the text holds an "@".
     [[nodiscard]] bool has_login() const { return has_login_; }
 
-    /// Reads the next word into a field, cut to it; an empty text when there is none.
+    /// Reads the next word into a field, truncated to fit; the field is empty when there is none.
     template <std::size_t Size>
     void word(char (&field)[Size]) {
         copy_terminated(field, words_.word());
     }
 
-    /// Reads user and password; the password is empty when nothing stands between its separators.
+    /// Reads user and password. The password is empty when its two separators are adjacent.
     template <std::size_t UserSize, std::size_t PassSize>
     void login(char (&user)[UserSize], char (&pass)[PassSize]) {
         word(user);
@@ -42,19 +42,19 @@ class service_conf final {
         if (!empty_password_) word(pass);
     }
 
-    /// Reads everything before the next such character, blanks included, into a field. When that is nothing,
-    /// no more words follow.
+    /// Reads everything up to the next separator, blanks included, into a field. When that is nothing, no
+    /// further words are read.
     template <std::size_t Size>
-    void before(char separator, char (&field)[Size]) {
+    void until(char separator, char (&field)[Size]) {
         copy_terminated(field, words_.until(separator));
         if (field[0] == '\0') words_ = scanner({});
     }
 
-    /// Reads a decimal number as "%d" does. When there is none it is 0, and no more words follow.
+    /// Reads a decimal number as "%d" does. Returns 0 when there is none; no further words are read then.
     int number();
 
-    /// Reads the last word of an address: an integer is a port, anything else a socket path, and the other of
-    /// the two is 0 or empty.
+    /// Reads the last word of an address. An integer is the port, and `socket` becomes empty; anything else
+    /// is the socket path, and `port` becomes 0.
     template <typename Port, std::size_t Size>
     void port_or_socket(Port& port, char (&socket)[Size]) {
         const std::string_view last = words_.word();
@@ -70,38 +70,39 @@ class service_conf final {
     scanner words_{{}};
 };
 
-/// Takes the container's name out of a host written "[name]"; 1 when there is one, else 0.
+/// Copies the container's name out of a host written as "[name]". Returns 1 when there is one, else 0.
 int read_container(std::string_view host, char (&name)[128]);
 
-/// The address to connect to: the configured host, or the container's address now. When there is none, prints
-/// so in the kind's name and returns nothing.
+/// The address to connect to: the configured host, or the current address of the container. Prints a message
+/// that names the kind, and returns nothing, when the container has no address.
 std::optional<std::string> service_host(const char* kind, int in_docker, std::string_view container,
                                         std::string_view host);
 
-/// The host as a client library is to get it. A name is looked up here, because a library would wait for a
-/// name server without a limit; one that has no IPv4 address is left to the library. Nothing when the look-up
-/// took too long.
-std::optional<std::string> looked_up_host(const std::string& host);
+/// The host to pass to a client library. A name is resolved here, because the library would wait for a name
+/// server without a limit; a name without an IPv4 address is returned unchanged. Returns nothing when the
+/// look-up timed out.
+std::optional<std::string> resolved_host(const std::string& host);
 
-/// Connects to a TCP service; every step has the time-out `counter_tcp_to`, within the budget of the cycle. A
-/// host that is not a dotted IPv4 address is not looked up: the connect fails.
+/// Connects to a TCP service. Each step has the time-out `counter_tcp_to`, within the budget of the cycle.
+/// Names are not resolved: a host that is not a dotted IPv4 address fails to connect.
 stream connect_service(std::string_view host, int port);
 
-/// Connects to a Unix-domain socket, as connect_service().
+/// Connects to a Unix-domain socket with the limits of connect_service().
 stream connect_service_path(std::string_view path);
 
-/// send_once() and receive_once() on a service's connection.
+/// send_once() and receive_once() that also report a time-out to the budget of the cycle.
 ssize_t send_request(const stream& connection, std::string_view request);
 ssize_t receive_reply(const stream& connection, std::span<char> buffer);
 
-/// By when an answer of many reads must be complete: so many time-outs from now, and within the budget.
+/// The deadline of an answer that takes several reads: `timeouts` times `counter_tcp_to` from now, within the
+/// budget of the cycle.
 deadline answer_deadline(int timeouts);
 
-/// Reads once, at most as much as the buffer holds. The reply is a text: it ends at a zero byte. Nothing for
-/// a failed read, an expired time-out among them.
+/// Reads once, up to the size of the buffer. The reply is a text that ends at the first zero byte. Returns
+/// nothing when the read fails or times out.
 std::optional<std::string_view> read_reply(const stream& connection, std::span<char> buffer);
 
-/// Writes a request and reads its reply as read_reply() does. Nothing for a failed write or read.
+/// Writes a request and reads its reply as read_reply() does. Returns nothing when either fails.
 std::optional<std::string_view> ask_once(const stream& connection, std::string_view request,
                                          std::span<char> buffer);
 

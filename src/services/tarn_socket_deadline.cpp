@@ -1,21 +1,25 @@
-// A timer of the process, whose signal shuts the guarded socket down.
+// Uses the interval timer of the process; the handler of its signal shuts the guarded socket down.
 #include "services/tarn_socket_deadline.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+
+#include "record/tarn_budget.h"
+#include "support/tarn_files.h"
 
 namespace tarn {
 namespace {
 
-/// The library may open another socket after the first one is shut down.
+/// The shutdown is repeated, because the library may open another socket after the first.
 constexpr auto repeat = std::chrono::milliseconds(20);
 
 volatile std::sig_atomic_t guarded = -1;
-volatile std::sig_atomic_t has_struck = 0;
+volatile std::sig_atomic_t has_expired = 0;
 
 void shut_down() {
     const int error = errno;
@@ -24,7 +28,7 @@ void shut_down() {
 }
 
 void on_alarm(int /*signum*/) {
-    has_struck = 1;
+    has_expired = 1;
     shut_down();
 }
 
@@ -44,7 +48,7 @@ socket_deadline::socket_deadline(int socket, duration timeout, duration limit) :
     using std::chrono::microseconds;
     const auto left = std::chrono::duration_cast<microseconds>(budget.end_within(limit).left());
     guarded = socket;
-    has_struck = 0;
+    has_expired = 0;
     struct sigaction action {};
     action.sa_handler = on_alarm;
     action.sa_flags = SA_RESTART;
@@ -55,7 +59,7 @@ socket_deadline::socket_deadline(int socket, duration timeout, duration limit) :
 socket_deadline::~socket_deadline() {
     guarded = -1;
     set_timer({}, {});
-    if (has_struck != 0 || deadline::clock::now() - start_ >= timeout_) budget.note_timeout();
+    if (has_expired != 0 || deadline::clock::now() - start_ >= timeout_) budget.note_timeout();
 }
 
 int next_descriptor() {

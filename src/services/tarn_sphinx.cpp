@@ -1,5 +1,5 @@
-// Read from a Sphinx search daemon through the MySQL client library: the rows (name, value) of "SHOW
-// STATUS;".
+// Reads the rows (name, value) of "SHOW STATUS;" from a Sphinx search daemon through the MySQL client
+// library.
 #include "services/tarn_sphinx.h"
 
 #include <cinttypes>
@@ -44,7 +44,7 @@ int sphinx_init(tarn_mycustom_counter& counter) {
 }
 
 bool sphinx_update(data_sphinx& data) {
-    tarn::mysql_connection connection = tarn::mysql_prepare();
+    tarn::mysql_connection connection = tarn::mysql_create();
     if (!tarn::mysql_connect(connection, {data.host, data.user, data.pass, data.port, nullptr})) {
         std::fprintf(stderr, "Failed to connect to sphinx(%s:%s@%s:%d): Error: %s\n", data.user, data.pass,
                      data.host, static_cast<int>(data.port), tarn::mysql_error_text(connection));

@@ -1,3 +1,4 @@
+// Base64 from OpenSSL, which encodes into one unbroken line; the line feeds are inserted afterwards.
 #include "support/tarn_base64.h"
 
 #include <openssl/evp.h>

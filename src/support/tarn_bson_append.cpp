@@ -1,6 +1,5 @@
+// Appends through libbson, which stores texts as they are: invalid UTF-8 is replaced before it gets there.
 #include "support/tarn_bson_append.h"
-
-#include <string>
 
 #include "support/tarn_text.h"
 
@@ -11,7 +10,7 @@ int length_of(std::string_view text) {
     return static_cast<int>(text.size());
 }
 
-/// Hands the text on as it is when it is UTF-8, which costs no copy, and made so otherwise.
+/// Passes valid UTF-8 on without a copy, and a cleaned copy of any other text.
 template <typename Use>
 void with_utf8(std::string_view text, Use use) {
     if (is_utf8(text)) {
@@ -37,7 +36,7 @@ void append_double(bson_t& document, std::string_view key, double value) {
 
 void append_text(bson_t& document, std::string_view key, std::string_view text) {
     with_utf8(text, [&](std::string_view clean) {
-        // A view of nothing has no address, and the library takes a missing address for a missing text.
+        // The pointer of an empty view may be null, which libbson writes as a BSON null.
         const char* const value = clean.empty() ? "" : clean.data();
         bson_append_utf8(&document, key.data(), length_of(key), value, length_of(clean));
     });

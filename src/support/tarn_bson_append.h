@@ -14,10 +14,10 @@ void append_int64(bson_t& document, std::string_view key, std::int64_t value);
 void append_double(bson_t& document, std::string_view key, double value);
 void append_text(bson_t& document, std::string_view key, std::string_view text);
 
-/// A text without a value: the library writes it as a BSON null.
+/// Appends a BSON null in place of a text.
 void append_no_text(bson_t& document, std::string_view key);
 
-/// A sub-document that is open as long as this object lives. Its elements are appended to document().
+/// A sub-document that is open for the lifetime of this object. Its elements are appended to document().
 class sub_document final {
   public:
     sub_document(bson_t& parent, std::string_view key);
@@ -32,8 +32,8 @@ class sub_document final {
     bson_t child_;
 };
 
-/// An array that is open as long as this object lives. Its elements have the keys that they are appended
-/// with.
+/// An array that is open for the lifetime of this object. Its elements keep the keys that they are appended
+/// with; they are not numbered.
 class sub_array final {
   public:
     sub_array(bson_t& parent, std::string_view key);

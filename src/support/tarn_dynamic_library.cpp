@@ -1,3 +1,4 @@
+// The dynamic loader. Client libraries are opened at run time, so that the agent runs on hosts without them.
 #include "support/tarn_dynamic_library.h"
 
 #include <dlfcn.h>

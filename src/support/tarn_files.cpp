@@ -1,3 +1,4 @@
+// Files are read into a buffer that grows and is never released, so that a cycle allocates nothing for them.
 #include "support/tarn_files.h"
 
 #include <cerrno>
@@ -7,21 +8,21 @@
 namespace tarn {
 namespace {
 
-constexpr std::size_t first_size = std::size_t{16} << 10U;
-constexpr std::size_t largest_size = std::size_t{16} << 20U;
+constexpr std::size_t initial_size = std::size_t{16} << 10U;
+constexpr std::size_t max_size = std::size_t{16} << 20U;
 
-/// Doubles a full buffer; false when it may not or cannot grow.
+/// Doubles a full buffer; false at the size limit or without memory.
 bool grow(std::vector<char>& buffer) {
-    if (buffer.size() >= largest_size) return false;
+    if (buffer.size() >= max_size) return false;
     try {
-        buffer.resize(buffer.empty() ? first_size : buffer.size() * 2);
+        buffer.resize(buffer.empty() ? initial_size : buffer.size() * 2);
     } catch (const std::bad_alloc&) {
         return false;
     }
     return true;
 }
 
-/// Reads until `is_last` holds after a piece of `got` bytes.
+/// Reads piece by piece until the file ends or `is_last(text, got)` is true; `got` is the last piece's size.
 template <typename IsLast>
 std::optional<std::string_view> read_pieces(const char* path, int directory, IsLast is_last) {
     static std::vector<char> buffer;
@@ -63,14 +64,15 @@ std::optional<std::string_view> read_file(const char* path, int directory) {
     return read_pieces(path, directory, [](std::string_view /*text*/, std::size_t got) { return got == 0; });
 }
 
-std::optional<std::string_view> read_kernel_file(const char* path, std::string_view enough, int directory) {
-    // A file of lines is handed out in pieces of a page, each filled as long as the next line fits. A read
-    // that leaves room for any line was the last.
+std::optional<std::string_view> read_kernel_file(const char* path, std::string_view last_needed,
+                                                 int directory) {
+    // The kernel returns a file of lines in pieces of at most a page and ends a piece only where the next
+    // line does not fit. A piece with room for another line is the last one.
     constexpr std::size_t page = 4096;
     constexpr std::size_t longest_line = 512;
-    return read_pieces(path, directory, [enough](std::string_view text, std::size_t got) {
+    return read_pieces(path, directory, [last_needed](std::string_view text, std::size_t got) {
         if (got < page - longest_line) return true;
-        return !enough.empty() && text.find(enough) != std::string_view::npos;
+        return !last_needed.empty() && text.find(last_needed) != std::string_view::npos;
     });
 }
 

@@ -13,10 +13,10 @@
 #include <string_view>
 #include <utility>
 
-/// Owners of what the system hands out, and the one way in which kernel files are read.
+/// RAII owners of descriptors and streams, and reading of directories and whole files.
 namespace tarn {
 
-/// Owns one file descriptor and closes it; -1 stands for none.
+/// Owns one file descriptor and closes it; -1 means none.
 class unique_fd final {
   public:
     unique_fd() = default;
@@ -40,7 +40,7 @@ class unique_fd final {
     int fd_ = -1;
 };
 
-/// Calls a C library's closing function on what it owns.
+/// Deleter for std::unique_ptr that calls a C function such as fclose().
 template <auto Close>
 struct closer {
     template <typename Handle>
@@ -52,7 +52,7 @@ struct closer {
 /// Owns one stdio stream and closes it.
 using unique_file = std::unique_ptr<std::FILE, closer<std::fclose>>;
 
-/// Walks the names in a directory, in its own order, without allocating anything.
+/// Lists the names in a directory, in directory order, without allocating.
 class directory_reader final {
   public:
     explicit directory_reader(const char* path);
@@ -60,10 +60,10 @@ class directory_reader final {
     /// False when the directory could not be opened.
     explicit operator bool() const { return static_cast<bool>(directory_); }
 
-    /// For calls that take names relative to the directory.
+    /// The descriptor for openat() and other calls with relative names; -1 when it is not open.
     [[nodiscard]] int fd() const { return directory_.get(); }
 
-    /// The next name, "." and ".." left out, valid until the next call; null at the end.
+    /// The next name except "." and "..", valid until the next call; null at the end.
     const char* next();
 
   private:
@@ -73,22 +73,23 @@ class directory_reader final {
     alignas(dirent64) std::array<char, 4096> entries_{};
 };
 
-/// Reads a file to its end with one open, reads into one buffer kept for the life of the process, and one
-/// close. The text stays valid until the next call. A file that opens but cannot be read (a directory) is
-/// empty; what lies beyond 16 MiB is left out. Nothing is returned when the file cannot be opened.
-/// A relative path starts at the directory of descriptor `directory`.
+/// Reads a whole file into a buffer that is kept for the life of the process. The text stays valid until the
+/// next call. A file that opens but cannot be read (a directory) gives an empty text; anything past 16 MiB is
+/// left out. Returns nothing when the file cannot be opened. A relative path starts at `directory`, a
+/// directory descriptor.
 std::optional<std::string_view> read_file(const char* path, int directory = AT_FDCWD);
 
-/// As read_file(), for the files of /proc and /sys: without the last read that only shows the end, and only
-/// up to the piece that holds the text `enough`. The kernel makes up such a file anew for every read.
-std::optional<std::string_view> read_kernel_file(const char* path, std::string_view enough = {},
+/// As read_file(), for files of /proc and /sys, whose text the kernel generates during each read. Skips the
+/// final read that only reports the end, and stops after the piece that holds `last_needed`, if that is
+/// given.
+std::optional<std::string_view> read_kernel_file(const char* path, std::string_view last_needed = {},
                                                  int directory = AT_FDCWD);
 
-/// Tells whether a file has changed, by what the system keeps about it.
+/// Detects that a file has changed, by its inode number, size and times.
 class file_watch final {
   public:
-    /// True for the first call, when the file at this path is not the same as at the call before, and when
-    /// there is none.
+    /// True on the first call, when the file at this path differs from that of the previous call, and when
+    /// there is no file.
     bool has_changed(const char* path);
 
   private:

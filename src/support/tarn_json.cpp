@@ -1,4 +1,4 @@
-// The tree is built by the event parser of RapidJSON: iterative, in place, numbers taken as their text.
+// A tree built from the events of RapidJSON, which parses iteratively, in place, and passes numbers as text.
 #include "support/tarn_json.h"
 
 #include <rapidjson/reader.h>
@@ -15,17 +15,17 @@
 
 namespace {
 
-/// Far beyond the answer of any service that is watched; together they keep the tree of a hostile answer
-/// below 32 MiB.
+/// Far more than any monitored service answers with. The limits keep the tree of a hostile answer below
+/// 32 MiB.
 constexpr std::size_t max_nodes = std::size_t{1} << 18U;
 constexpr std::size_t max_depth = 1000;
 
-/// A tree: its root, and the memory that holds all other nodes.
+/// A tree: the root node, and the memory of all other nodes.
 struct document final : nx_json {
     std::pmr::monotonic_buffer_resource arena;
 };
 
-/// The parser's own memory. RapidJSON does not check what its allocator returns.
+/// The parser's allocator. RapidJSON does not check for null, so a failed allocation throws.
 class throwing_allocator final {
   public:
     static void* Malloc(std::size_t size) { return checked(std::malloc(size), size); }
@@ -43,18 +43,19 @@ class throwing_allocator final {
     }
 };
 
-/// A number that JSON itself does not know, or that the parser refuses.
-struct odd_number {
-    const char* at;  ///< its place in the text, where a "0" now stands
+/// A number that is not valid JSON, or that the parser refuses.
+struct irregular_number {
+    const char* at;  ///< position in the text, where a "0" has replaced it
     nx_json_type type;
     std::int64_t int_value;
     double dbl_value;
 };
 
-/// Hangs the parser's events into a tree. Returns false, which ends the parsing, beyond the limits.
+/// Builds the tree from the parser's events. An event beyond a limit returns false, which ends the parsing.
 class tree_builder final {
   public:
-    tree_builder(document& tree, const std::vector<odd_number>& odd) : tree_(tree), odd_(odd) {}
+    tree_builder(document& tree, const std::vector<irregular_number>& irregular)
+        : tree_(tree), irregular_(irregular) {}
 
     bool Null() { return add(NX_JSON_NULL) != nullptr; }
     bool Bool(bool value) {
@@ -79,7 +80,7 @@ class tree_builder final {
     bool EndObject(rapidjson::SizeType /*members*/) { return close(); }
     bool EndArray(rapidjson::SizeType /*items*/) { return close(); }
 
-    // Never called: numbers come as their text.
+    // Required by the parser but never called: numbers come as text.
     static bool Int(int /*value*/) { return false; }
     static bool Uint(unsigned /*value*/) { return false; }
     static bool Int64(std::int64_t /*value*/) { return false; }
@@ -96,7 +97,7 @@ class tree_builder final {
         return node;
     }
 
-    /// The root, or a new last child of the container that is open.
+    /// The root, or a new last child of the innermost open container.
     nx_json* make_node() {
         if (++nodes_ > max_nodes) return nullptr;
         if (open_.empty()) return &tree_;
@@ -112,11 +113,11 @@ class tree_builder final {
         const bool is_double = text.find_first_of(".eE") != std::string_view::npos;
         nx_json* const node = add(is_double ? NX_JSON_DOUBLE : NX_JSON_INTEGER);
         if (node == nullptr) return false;
-        if (next_odd_ < odd_.size() && odd_[next_odd_].at == text.data()) {
-            const odd_number& odd = odd_[next_odd_++];
-            node->type = odd.type;
-            node->int_value = odd.int_value;
-            node->dbl_value = odd.dbl_value;
+        if (next_irregular_ < irregular_.size() && irregular_[next_irregular_].at == text.data()) {
+            const irregular_number& irregular = irregular_[next_irregular_++];
+            node->type = irregular.type;
+            node->int_value = irregular.int_value;
+            node->dbl_value = irregular.dbl_value;
             return true;
         }
         tarn::read_number(text, node->int_value);
@@ -141,8 +142,8 @@ class tree_builder final {
     }
 
     document& tree_;
-    const std::vector<odd_number>& odd_;
-    std::size_t next_odd_ = 0;
+    const std::vector<irregular_number>& irregular_;
+    std::size_t next_irregular_ = 0;
     const char* key_ = nullptr;
     std::vector<nx_json*> open_;
     std::size_t nodes_ = 0;
@@ -150,10 +151,10 @@ class tree_builder final {
 
 const nx_json null_node;
 
-/// Reads a number of a form that JSON does not know: octal ("010"), hexadecimal ("0x1F"), a fraction with
-/// leading zeros, or an exponent beyond what a double holds. Returns the first character after it; the start
-/// when it is not such a number. Integers beyond 64 bits become the largest or lowest one.
-char* read_odd_number(char* start, odd_number& number) {
+/// Reads a number that JSON or the parser may refuse: octal ("010"), hexadecimal ("0x1F"), or one with a
+/// fraction or exponent, which may have leading zeros or exceed a double. Returns the first character after
+/// it, or `start` when it is not such a number. Integers beyond 64 bits saturate.
+char* read_irregular_number(char* start, irregular_number& number) {
     char* const first = *start == '-' ? start + 1 : start;
     const std::size_t whole = std::strspn(first, "0123456789");
     const char after = first[whole];
@@ -174,19 +175,19 @@ char* read_odd_number(char* start, odd_number& number) {
     return end;
 }
 
-/// Takes the numbers that the parser refuses out of a text and puts a "0" and blanks in their place. A digit
-/// or "-" outside a string begins a number.
-std::vector<odd_number> take_odd_numbers(char* text) {
-    std::vector<odd_number> taken;
+/// Removes the numbers that the parser may refuse from a text, leaving a "0" and blanks in place of each. A
+/// digit or "-" outside a string begins a number.
+std::vector<irregular_number> remove_irregular_numbers(char* text) {
+    std::vector<irregular_number> removed;
     bool in_string = false;
     for (; *text != '\0'; ++text) {
         if (*text == '"') in_string = !in_string;
         if (in_string && *text == '\\' && text[1] != '\0') ++text;
         if (in_string || (*text != '-' && (*text < '0' || *text > '9'))) continue;
-        odd_number number{};
-        char* const end = read_odd_number(text, number);
+        irregular_number number{};
+        char* const end = read_irregular_number(text, number);
         if (end == text) {
-            // A plain integer: its other digits begin nothing.
+            // A plain integer: skip its other digits.
             while (text[1] >= '0' && text[1] <= '9')
                 ++text;
             continue;
@@ -194,17 +195,17 @@ std::vector<odd_number> take_odd_numbers(char* text) {
         std::fill(text, end, ' ');
         *text = '0';
         text = end - 1;
-        taken.push_back(number);
+        removed.push_back(number);
     }
-    return taken;
+    return removed;
 }
 
-nx_json_tree parse(char* json, const std::vector<odd_number>& odd) {
+nx_json_tree parse(char* json, const std::vector<irregular_number>& irregular) {
     constexpr unsigned flags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
                                rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
     using reader_type = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, throwing_allocator>;
     auto tree = std::make_unique<document>();
-    tree_builder builder(*tree, odd);
+    tree_builder builder(*tree, irregular);
     rapidjson::InsituStringStream stream(json);
     reader_type reader;
     if (reader.Parse<flags>(stream, builder).IsError()) return nullptr;
@@ -221,11 +222,11 @@ nx_json_tree nx_json_parse_utf8(std::string& text, std::size_t start) {
     start = std::min(start, text.size());
     const std::string original = text.substr(start);
     if (nx_json_tree tree = parse(text.data() + start, {})) return tree;
-    // Hardly any answer has odd numbers, so that they are looked for in one that did not parse.
+    // Few answers have irregular numbers, so they are looked for only in a text that did not parse.
     text.resize(start);
     text += original;
-    const std::vector<odd_number> odd = take_odd_numbers(text.data() + start);
-    return odd.empty() ? nullptr : parse(text.data() + start, odd);
+    const std::vector<irregular_number> irregular = remove_irregular_numbers(text.data() + start);
+    return irregular.empty() ? nullptr : parse(text.data() + start, irregular);
 }
 
 const nx_json& nx_json_get(const nx_json& node, std::string_view key) {

@@ -1,3 +1,4 @@
+// The position and state of the scan are kept between reads, so that a long object is scanned only once.
 #include "support/tarn_json_framer.h"
 
 namespace tarn {
@@ -16,7 +17,7 @@ std::string json_framer::feed(std::string_view bytes) {
     }
 }
 
-/// Drops everything before the next object; a last "{" may be the first half of its start.
+/// Drops everything before the next object. A "{" at the end is kept: it may be half of its "{\"".
 void json_framer::drop_to_start() {
     const std::size_t start = text_.find("{\"");
     if (start != std::string::npos) {
@@ -26,7 +27,7 @@ void json_framer::drop_to_start() {
     }
 }
 
-/// Goes on to the brace that closes the object; false when it has not come yet.
+/// Scans on to the brace that closes the object; false when it has not arrived yet.
 bool json_framer::find_end() {
     if (text_.size() < 2) return false;
     for (; at_ < text_.size(); ++at_) {
@@ -50,8 +51,8 @@ bool json_framer::find_end() {
     return false;
 }
 
-/// True at a line feed that a sound object cannot hold: inside a string, or before a "{" where no value may
-/// begin.
+/// True at a line feed that proves the object broken: one inside a string, or one before a "{" where JSON
+/// allows no value.
 bool json_framer::is_cut() const {
     if (in_string_) return true;
     if (text_[at_ + 1] != '{') return false;

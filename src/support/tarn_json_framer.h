@@ -6,16 +6,15 @@
 
 namespace tarn {
 
-/// Cuts a stream of bytes into JSON objects, however they are spread over reads. An object begins at "{\"";
-/// what stands between objects (headers, line feeds) is dropped. A broken object ends where the next one
-/// begins on a line of its own, in a place where JSON allows no object, so that it costs only itself.
+/// Splits a byte stream into JSON objects, however they are spread over reads. An object begins at "{\"";
+/// bytes between objects (headers, line feeds) are dropped. A broken object ends where the next one begins on
+/// a new line, in a place where JSON allows no object, so that only the broken one is lost.
 class json_framer final {
   public:
-    /// Takes what a read brought and returns the newest object that is complete now; an empty text when none
-    /// is.
+    /// Adds the bytes of one read. Returns the newest complete object; an empty text when none is complete.
     std::string feed(std::string_view bytes);
 
-    /// Bytes kept for an object that is not complete.
+    /// Number of bytes kept of an incomplete object.
     [[nodiscard]] std::size_t pending() const { return text_.size(); }
 
   private:
@@ -24,7 +23,7 @@ class json_framer final {
     [[nodiscard]] bool is_cut() const;
 
     std::string text_;
-    std::size_t at_ = 0;  ///< how far the object at the front of the text has been looked through
+    std::size_t at_ = 0;  ///< position up to which the first object has been scanned
     int depth_ = 0;
     bool in_string_ = false;
 };

@@ -8,19 +8,19 @@
 
 namespace tarn {
 
-/// Finds the position of a name in a list in constant time, so that a table of a thousand devices costs a
-/// thousand steps and not a million. Filled anew every cycle from memory that it keeps. The names are views:
-/// they must outlive their entries.
+/// Finds the position of a name in a list in constant time, so that a thousand devices cost a thousand steps
+/// and not a million. It is refilled every cycle and keeps its memory. The names are views and must outlive
+/// their entries.
 class name_index final {
   public:
     void clear() { positions_.clear(); }
 
-    /// Enters a name; false when it is there already, and its position is then unchanged.
+    /// Adds a name; false, with its position unchanged, when it is already there.
     bool add(std::string_view name, std::size_t position) {
         return positions_.try_emplace(name, position).second;
     }
 
-    /// Fills the index anew from a list of records that have a `device` text.
+    /// Refills the index from a list of records that have a `device` text.
     template <typename Records>
     void rebuild(const Records& records) {
         clear();

@@ -1,3 +1,4 @@
+// Both streams of the C library are replaced by ones that poll before each write and drop what would block.
 #include "support/tarn_output.h"
 
 #include <poll.h>
@@ -10,25 +11,25 @@
 namespace tarn {
 namespace {
 
-/// A pipe that can be written to takes at least this much without waiting.
+/// A pipe that polls as writable accepts at least this many bytes (PIPE_BUF) without blocking.
 constexpr std::size_t piece_size = 4096;
 
-/// One of the two streams.
+/// Standard output or standard error.
 struct output {
     int fd;
-    std::size_t dropped = 0;  ///< lines since the last one that was taken
-    bool is_cut = false;      ///< the last line was dropped only in part so far
+    std::size_t dropped = 0;  ///< lines dropped since the last one that was written
+    bool is_cut = false;      ///< the end of the last dropped line has not come yet
 };
 
 output outputs[] = {{STDOUT_FILENO}, {STDERR_FILENO}};
 
-/// Writes as much as can be written without waiting and returns the rest.
+/// Writes as much as possible without blocking and returns the rest.
 std::string_view write_now(int fd, std::string_view text) {
     while (!text.empty()) {
         pollfd polled{fd, POLLOUT, 0};
         if (::poll(&polled, 1, 0) <= 0) break;
         const ssize_t written = ::write(fd, text.data(), std::min(text.size(), piece_size));
-        // Without a reader there is nobody to wait for either.
+        // Without a reader the text counts as written.
         if (written <= 0) return {};
         text.remove_prefix(static_cast<std::size_t>(written));
     }
@@ -40,7 +41,7 @@ void drop(output& to, std::string_view text) {
     to.is_cut = !text.ends_with('\n');
 }
 
-/// The end of a line whose beginning was dropped goes the same way.
+/// Drops the rest of a line whose beginning was dropped.
 std::string_view without_cut_line(output& to, std::string_view text) {
     if (!to.is_cut) return text;
     const std::size_t end = std::min(text.find('\n'), text.size() - 1) + 1;

@@ -2,9 +2,9 @@
 
 namespace tarn {
 
-/// From now on a reader of standard output or standard error that stalls cannot stop this process: what a
-/// full pipe, socket or terminal does not take is dropped. How many lines were dropped is printed once the
-/// reader takes lines again. Both streams are written line by line.
+/// Keeps a stalled reader of standard output or standard error from blocking this process: text that a full
+/// pipe, socket or terminal does not accept is dropped. The number of dropped lines is printed once the
+/// reader accepts lines again. Both streams become line-buffered.
 void never_wait_for_readers();
 
 }  // namespace tarn

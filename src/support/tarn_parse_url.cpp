@@ -1,10 +1,11 @@
+// One pass over the text copies each character into the buffer of the current part.
 #include "support/tarn_parse_url.h"
 
 #include "support/tarn_text.h"
 
 namespace {
 
-/// Writes characters into a caller's buffer, as many as fit, always terminated.
+/// Appends characters to a caller's buffer, as many as fit, and keeps it terminated.
 class part_writer final {
   public:
     explicit part_writer(const tarn_text_part& part) : part_(part) { terminate(); }
@@ -29,9 +30,9 @@ int tarn_split_str(std::string_view str, char delimiter, std::span<const tarn_te
     std::size_t part = 0;
     part_writer writer(parts[part]);
     for (std::size_t at = 0; at < str.size(); ++at) {
-        const bool escapes =
+        const bool is_escape =
             str[at] == '\\' && at + 1 < str.size() && (str[at + 1] == delimiter || str[at + 1] == '\\');
-        if (escapes) {
+        if (is_escape) {
             writer.put(str[++at]);
         } else if (str[at] == delimiter && part + 1 < parts.size()) {
             writer = part_writer(parts[++part]);
@@ -44,20 +45,20 @@ int tarn_split_str(std::string_view str, char delimiter, std::span<const tarn_te
 
 int tarn_parse_url(std::string_view url, tarn_url_parts& parts) {
     parts = {};
-    char before[256] = "";
-    char behind[256] = "";
-    const tarn_text_part halves[] = {{before, sizeof before}, {behind, sizeof behind}};
+    char before_at[256] = "";
+    char after_at[256] = "";
+    const tarn_text_part halves[] = {{before_at, sizeof before_at}, {after_at, sizeof after_at}};
     tarn_split_str(url, '@', halves);
 
-    const std::string_view address = behind[0] != '\0' ? behind : before;
+    const std::string_view address = after_at[0] != '\0' ? after_at : before_at;
     if (address.empty()) return 1;
-    if (behind[0] != '\0' && before[0] != '\0') {
+    if (after_at[0] != '\0' && before_at[0] != '\0') {
         const tarn_text_part login[] = {{parts.user, sizeof parts.user}, {parts.pass, sizeof parts.pass}};
-        tarn_split_str(before, ':', login);
+        tarn_split_str(before_at, ':', login);
     }
     char port[16] = "";
-    const tarn_text_part place[] = {{parts.host, sizeof parts.host}, {port, sizeof port}};
-    tarn_split_str(address, ':', place);
+    const tarn_text_part endpoint[] = {{parts.host, sizeof parts.host}, {port, sizeof port}};
+    tarn_split_str(address, ':', endpoint);
     parts.port = static_cast<std::uint32_t>(tarn::to_number<int>(port));
     return 1;
 }

@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-/// A text buffer of the caller, with its size.
+/// A caller's text buffer and its size.
 struct tarn_text_part {
     char* text;
     std::size_t size;
@@ -20,9 +20,9 @@ struct tarn_url_parts {
 };
 
 /// Splits a text at a delimiter into at most as many parts as there are buffers; further delimiters stay in
-/// the last part. A backslash takes the meaning off a delimiter or a backslash behind it. Each part is cut to
-/// its buffer and terminated; buffers behind the last part are not touched. Returns 1.
+/// the last part. A backslash escapes a following delimiter or backslash. Each part is truncated to its
+/// buffer and terminated; buffers after the last part are not touched. Returns 1.
 int tarn_split_str(std::string_view str, char delimiter, std::span<const tarn_text_part> parts);
 
-/// Splits an address into its pieces; what is not there is empty. Returns 1.
+/// Splits an address into its pieces; a missing one is left empty. Returns 1. The agent does not call it.
 int tarn_parse_url(std::string_view url, tarn_url_parts& parts);

@@ -1,3 +1,4 @@
+// A child is held by a pidfd: poll() reports its end, and a signal cannot hit a reused process id.
 #include "support/tarn_process.h"
 
 #include <poll.h>
@@ -6,7 +7,7 @@
 #include <string>
 
 extern "C" {
-// The header of glibc 2.36 lacks the linkage for C++.
+// The header of glibc 2.36 does not declare C linkage for C++.
 #include <sys/pidfd.h>
 }
 

@@ -1,3 +1,4 @@
+// The child calls gethostbyname() and writes the address into a pipe; the parent polls it until the deadline.
 #include "support/tarn_resolver.h"
 
 #include <fcntl.h>
@@ -6,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 
@@ -16,7 +16,7 @@
 namespace tarn {
 namespace {
 
-/// The whole life of the child: an address that is found is written, none is nothing.
+/// Runs in the child: writes the 4 bytes of the address, or nothing when there is none.
 [[noreturn]] void resolve(const char* name, const unique_fd& into) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::signal(SIGTERM, SIG_DFL);

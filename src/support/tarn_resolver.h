@@ -8,14 +8,14 @@
 
 namespace tarn {
 
-/// What became of a look-up.
+/// The result of a look-up.
 struct host_lookup {
     std::optional<in_addr> address;  ///< the first IPv4 address of the name
-    bool is_late = false;            ///< there was no answer in time, or a signal ended the wait
+    bool is_late = false;            ///< no answer in time, or a signal ended the wait
 };
 
-/// Looks a host name up with the system's resolver, which knows no limit of its own: a child asks it and is
-/// killed at the deadline. A dotted address needs no child.
+/// Looks up a host name with the system's resolver. The resolver has no time limit of its own, so a child
+/// process calls it and is killed at the deadline. A dotted address needs no child.
 host_lookup look_up_host(const char* name, deadline end);
 
 }  // namespace tarn

@@ -1,3 +1,4 @@
+// Any local user can create a block under the agent's key, so owner, size and creator are checked before use.
 #include "support/tarn_shared_memory.h"
 
 #include <sys/shm.h>
@@ -13,7 +14,7 @@ namespace tarn {
 namespace {
 
 constexpr int permissions = 0666;
-/// A user who plants a new block as fast as one is removed gets the better of the agent only so often.
+/// Bounds the race with a user who creates a new block as fast as the agent removes one.
 constexpr int max_attempts = 100;
 
 int get_block(key_t key, std::size_t size, int flags) {
@@ -30,11 +31,11 @@ std::optional<shmid_ds> status_of(int id) {
     return status;
 }
 
-bool is_roots(const shmid_ds& status, std::size_t size) {
+bool is_root_block(const shmid_ds& status, std::size_t size) {
     return status.shm_perm.cuid == 0 && status.shm_perm.uid == 0 && status.shm_segsz == size;
 }
 
-/// Makes room for a block of the agent's own.
+/// Removes a block that the agent cannot use, so that it can create its own.
 void remove_unusable(key_t key) {
     const auto status = status_of(get_block(key, 0, 0));
     if (status && status->shm_perm.cuid != 0) {
@@ -49,19 +50,19 @@ int find_block(key_t key, std::size_t size) {
     const int id = get_block(key, size, permissions);
     if (id < 0) return -1;
     const auto status = status_of(id);
-    if (status && is_roots(*status, size)) return id;
+    if (status && is_root_block(*status, size)) return id;
     errno = EACCES;
     return -1;
 }
 
 int claim_block(key_t key, std::size_t size) {
     for (int attempt = 0; attempt < max_attempts; ++attempt) {
-        const int made = get_block(key, size, permissions | IPC_CREAT | IPC_EXCL);
-        if (made >= 0 || errno != EEXIST) return made;
-        const int found = get_block(key, size, permissions);
-        if (found < 0 && errno == EINVAL) std::perror("shmget");
-        const auto status = status_of(found);
-        if (status && is_roots(*status, size) && is_other_agent(status->shm_cpid)) return found;
+        const int created = get_block(key, size, permissions | IPC_CREAT | IPC_EXCL);
+        if (created >= 0 || errno != EEXIST) return created;
+        const int existing = get_block(key, size, permissions);
+        if (existing < 0 && errno == EINVAL) std::perror("shmget");
+        const auto status = status_of(existing);
+        if (status && is_root_block(*status, size) && is_other_agent(status->shm_cpid)) return existing;
         remove_unusable(key);
     }
     errno = EEXIST;
@@ -83,10 +84,10 @@ void remove_block(key_t key) {
     if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
 }
 
-void remove_block_made_by(key_t key, pid_t maker) {
+void remove_block_made_by(key_t key, pid_t creator) {
     const int id = get_block(key, 0, 0);
     const auto status = status_of(id);
-    if (status && status->shm_cpid == maker) ::shmctl(id, IPC_RMID, nullptr);
+    if (status && status->shm_cpid == creator) ::shmctl(id, IPC_RMID, nullptr);
 }
 
 attached_block::attached_block(int id) : id_(id) {

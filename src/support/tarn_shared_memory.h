@@ -1,43 +1,42 @@
 #pragma once
 
-#include <sys/ipc.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <utility>
 
-/// System V shared memory: blocks of a key and a size through which the agent's processes hand each other
-/// texts and numbers. Any local user can write into them, and make one under any key: what is read from a
-/// block is checked before it is used, and a block that root did not make is never attached.
+/// System V shared memory, through which the agent's processes exchange texts and numbers. Any local user can
+/// write into a block and can create one under any key: data from a block is checked before use, and a block
+/// that root did not create is never attached.
 namespace tarn {
 
-/// The id of the block of a key that root made and that has exactly this size, or -1 with errno set. It is
-/// not created. The key 0 is refused: to the system it means a new private block each time.
+/// The id of the block under a key, if root created it and it has exactly this size; else -1 with errno set.
+/// Creates nothing. Key 0 is refused: to the system it is IPC_PRIVATE, a new block on each call.
 int find_block(key_t key, std::size_t size);
 
-/// The id of a block of this key and size that this process may use: the block of another agent that runs, or
-/// a new one for everybody to read and write. A block that was planted (root did not make it), that has
-/// another size or whose maker is gone is removed first; one that is too small is reported as shmget's own
-/// error, and a planted one by name. Returns -1 with errno set when that fails.
+/// The id of a block of this key and size that this process may use: the block of another running agent, or a
+/// new one with mode 0666. A block that root did not create, that has another size or whose creator has ended
+/// is removed first; shmget's error is printed for one that is too small, and the owner of one that root did
+/// not create. Returns -1 with errno set on failure.
 int claim_block(key_t key, std::size_t size);
 
-/// True when another agent that still runs made the block.
+/// True when another agent that is still running created the block.
 bool is_block_of_other_agent(int id);
 
-/// How many processes have the block attached.
+/// The number of processes that have the block attached.
 std::size_t attached_processes(int id);
 
-/// Removes the block of a key, if there is one.
+/// Removes the block under a key, if there is one.
 void remove_block(key_t key);
 
-/// Removes the block of a key if process `maker` made it.
-void remove_block_made_by(key_t key, pid_t maker);
+/// Removes the block under a key if process `creator` created it.
+void remove_block_made_by(key_t key, pid_t creator);
 
-/// A block in the address space of this process, as long as this object lives.
+/// A block that is attached to this process for the lifetime of this object.
 class attached_block final {
   public:
     attached_block() = default;
-    /// Attaches the block of an id; get() is null when that fails. An id of -1 leaves errno as it is.
+    /// Attaches the block with this id; get() is null on failure. An id of -1 leaves errno unchanged.
     explicit attached_block(int id);
     attached_block(attached_block&& other) noexcept
         : at_(std::exchange(other.at_, nullptr)), id_(other.id_) {}
@@ -54,8 +53,8 @@ class attached_block final {
     [[nodiscard]] int id() const { return id_; }
     explicit operator bool() const { return at_ != nullptr; }
 
-    /// Removes this very block from the system, even if another one has its key by now. It stays attached in
-    /// every process that has it.
+    /// Removes this block from the system, even if its key now belongs to another block. Processes that have
+    /// it attached keep it.
     void remove() const;
 
   private:

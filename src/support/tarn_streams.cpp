@@ -1,3 +1,4 @@
+// Sockets block. Each wait is bounded by SO_RCVTIMEO or SO_SNDTIMEO, which are lowered as the deadline nears.
 #include "support/tarn_streams.h"
 
 #include <arpa/inet.h>
@@ -10,14 +11,12 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "support/tarn_text.h"
-
 namespace tarn {
 namespace {
 
 using duration = deadline::clock::duration;
 
-/// The system takes 0 for "no limit".
+/// Sets at least 1 ms: the system takes 0 for "no limit".
 bool set_timeout(int socket, int option, duration timeout) {
     using std::chrono::microseconds;
     const auto left = std::max(std::chrono::duration_cast<microseconds>(timeout), microseconds(1000));
@@ -26,8 +25,8 @@ bool set_timeout(int socket, int option, duration timeout) {
     return ::setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit) == 0;
 }
 
-/// Makes sure that the next wait obeys the limit; false, with errno set, when no time is left for it.
-bool may_wait(const stream& connection, int option) {
+/// Makes the next wait obey the limit; false, with errno set, when no time is left for it.
+bool limit_next_wait(const stream& connection, int option) {
     const duration next = connection.limit.next();
     if (next == duration::zero()) {
         errno = EAGAIN;
@@ -38,11 +37,11 @@ bool may_wait(const stream& connection, int option) {
 }
 
 stream connect_stream(int family, const sockaddr* address, socklen_t length, const wait_limit& limit) {
-    const duration first = limit.next();
-    if (first == duration::zero()) return {{}, stream_step::connect, EINPROGRESS, limit};
+    const duration timeout = limit.next();
+    if (timeout == duration::zero()) return {{}, stream_step::connect, EINPROGRESS, limit};
     unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket) return {{}, stream_step::socket, errno, limit};
-    if (!set_timeout(socket.get(), SO_RCVTIMEO, first) || !set_timeout(socket.get(), SO_SNDTIMEO, first))
+    if (!set_timeout(socket.get(), SO_RCVTIMEO, timeout) || !set_timeout(socket.get(), SO_SNDTIMEO, timeout))
         return {{}, stream_step::timeouts, errno, limit};
     if (::connect(socket.get(), address, length) != 0) return {{}, stream_step::connect, errno, limit};
     return {std::move(socket), stream_step::none, 0, limit};
@@ -81,7 +80,7 @@ stream connect_unix(std::string_view path, const wait_limit& limit) {
 }
 
 ssize_t send_once(const stream& connection, std::span<const std::byte> bytes) {
-    if (!may_wait(connection, SO_SNDTIMEO)) return -1;
+    if (!limit_next_wait(connection, SO_SNDTIMEO)) return -1;
     return ::send(connection.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
@@ -90,7 +89,7 @@ ssize_t send_once(const stream& connection, std::string_view text) {
 }
 
 ssize_t receive_once(const stream& connection, std::span<char> buffer) {
-    if (!may_wait(connection, SO_RCVTIMEO)) return -1;
+    if (!limit_next_wait(connection, SO_RCVTIMEO)) return -1;
     return ::recv(connection.socket.get(), buffer.data(), buffer.size(), 0);
 }
 

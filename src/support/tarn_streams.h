@@ -12,8 +12,8 @@
 #include "support/tarn_files.h"
 
 /// The one place where stream sockets are opened. Every wait on them is bounded, no write to them raises
-/// SIGPIPE, and none of them survives an exec. A wait for which no time is left fails at once, as it does
-/// when its time-out expires.
+/// SIGPIPE, and none of them survives an exec. When no time is left, a wait fails at once with the error of
+/// an expired time-out.
 namespace tarn {
 
 /// The step at which opening a stream failed, so that each caller can report it in its own words.
@@ -38,18 +38,18 @@ std::string ipv4_text(in_addr address);
 /// Connects to an IPv4 address. The connect, each send and each receive obey the limit.
 stream connect_tcp(in_addr address, int port, const wait_limit& limit);
 
-/// Connects to a Unix-domain socket, as connect_tcp(). A path of 108 bytes and more is cut there.
+/// Connects to a Unix-domain socket, as connect_tcp(). A longer path is truncated to 108 bytes.
 stream connect_unix(std::string_view path, const wait_limit& limit);
 
 /// Sends everything with one call; returns the bytes taken, or -1 with errno set.
 ssize_t send_once(const stream& connection, std::span<const std::byte> bytes);
 ssize_t send_once(const stream& connection, std::string_view text);
 
-/// Receives once, as much as has come and fits; 0 when the peer has closed, -1 with errno set for a failure,
-/// an expired time-out among them.
+/// Receives once; returns the bytes received, 0 when the peer has closed, or -1 with errno set on a failure
+/// or an expired time-out.
 ssize_t receive_once(const stream& connection, std::span<char> buffer);
 
-/// True for the error number of a wait that took too long, be it a connect, a send or a receive.
+/// True for the error number of a connect, send or receive that timed out.
 bool is_timeout(int error);
 
 /// Prints a message and the system's text for an error number on standard error.

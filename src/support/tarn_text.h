@@ -11,22 +11,22 @@
 #include <string_view>
 #include <type_traits>
 
-/// Texts that come from outside: kernel files, configuration lines, replies of services. Everything works on
-/// views and fixed arrays; nothing here allocates unless it says so, and nothing reads past an end.
+/// Text from outside: kernel files, configuration lines, replies of services. The functions work on views and
+/// fixed arrays. None reads past the end of its text, and only to_utf8() allocates.
 namespace tarn {
 
-/// The blanks of the C locale: what separates words in a scanf format.
+/// The whitespace of the C locale, which separates words in a scanf format.
 inline constexpr std::string_view blanks = " \t\n\v\f\r";
 
-/// True for one of the blanks.
-constexpr bool is_blank(char c) {
+/// True for whitespace.
+constexpr bool is_space(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// How many blanks a text begins with.
-constexpr std::size_t leading_blanks(std::string_view text) {
+/// The number of whitespace characters at the start of a text.
+constexpr std::size_t leading_spaces(std::string_view text) {
     std::size_t count = 0;
-    while (count < text.size() && is_blank(text[count]))
+    while (count < text.size() && is_space(text[count]))
         ++count;
     return count;
 }
@@ -38,8 +38,8 @@ requires(sizeof(Char) == 1) std::string_view text_of(const Char (&field)[Size]) 
     return {text, strnlen(text, Size)};
 }
 
-/// Copies a text into a fixed array, cut to the array's size less one, always terminated. Stops at a zero
-/// byte.
+/// Copies a text into a fixed array, truncated to the array's size less one and always terminated. Stops at a
+/// zero byte.
 template <std::size_t Size>
 void copy_terminated(char (&field)[Size], std::string_view text) {
     text = text.substr(0, std::min(text.find('\0'), Size - 1));
@@ -47,20 +47,20 @@ void copy_terminated(char (&field)[Size], std::string_view text) {
     field[text.size()] = '\0';
 }
 
-/// Copies a text into a fixed array that may be filled to its last byte: terminated only when it is shorter
-/// than the array. Such an array is read with text_of().
+/// Copies a text into a fixed array and pads it with zero bytes; a text that fills the array has no
+/// terminator. Such an array is read with text_of().
 template <typename Char, std::size_t Size>
 requires(sizeof(Char) == 1) void copy_padded(Char (&field)[Size], std::string_view text) {
     text = text.substr(0, std::min(text.find('\0'), Size));
     std::fill(std::copy(text.begin(), text.end(), field), field + Size, Char{});
 }
 
-/// Reads an integer as scanf and strtol do at base 10: blanks, a sign, digits. A value beyond 64 bits is the
-/// largest (or lowest) of its signedness, and a narrower type keeps the low bits of it.
-/// Returns the number of characters taken; 0 when there is no number, and `value` is then unchanged.
+/// Reads an integer as scanf and strtol do at base 10: whitespace, a sign, digits. A value beyond 64 bits
+/// saturates; a type narrower than 64 bits keeps the low bits. Returns the number of characters consumed, or
+/// 0 with `value` unchanged when there is no number.
 template <std::integral Number>
 std::size_t read_number(std::string_view text, Number& value) {
-    std::size_t at = leading_blanks(text);
+    std::size_t at = leading_spaces(text);
     const bool negative = at < text.size() && text[at] == '-';
     if (negative || (at < text.size() && text[at] == '+')) ++at;
 
@@ -93,10 +93,10 @@ Number to_number(std::string_view text) {
 /// True for an optional "-" followed by one or more decimal digits and nothing else.
 bool is_valid_int(std::string_view text);
 
-/// Takes the line feed off the end of a line.
+/// A line without its final line feed, if it has one.
 std::string_view remove_newline_ch(std::string_view line);
 
-/// Copies a text without any occurrence of one character into a fixed array, cut and terminated.
+/// Copies a text without the occurrences of one character into a fixed array, truncated and terminated.
 template <std::size_t Size>
 void strcpyfilter(std::string_view source, char (&destination)[Size], char character) {
     std::size_t length = 0;
@@ -106,35 +106,32 @@ void strcpyfilter(std::string_view source, char (&destination)[Size], char chara
     destination[length] = '\0';
 }
 
-/// Takes the next token off the front of `rest` as strtok does: leading delimiters are skipped, so that no
-/// token is ever empty, and the one delimiter that ends the token is taken with it. Returns an empty view
-/// when nothing is left.
+/// Removes the next token from the front of `rest` and returns it, as strtok does: leading delimiters are
+/// skipped, so a token is never empty, and the delimiter that ends the token is removed with it. Returns an
+/// empty view when no token is left.
 std::string_view next_token(std::string_view& rest, std::string_view delimiters);
 
-/// As next_token(), for words that are separated by blanks.
+/// As next_token(), for words separated by whitespace.
 std::string_view next_word(std::string_view& rest);
 
 /// True when `name` matches one of the first `count` masks: a mask of more than one character that ends in
-/// "*" matches every name that begins with what stands before the "*", any other mask only the same name.
+/// "*" matches every name that begins with the text before the "*", any other mask only the identical name.
 bool in_excludelist(std::string_view name, const char (*masks)[256], int count);
 
-/// The length of the well-formed UTF-8 character at the start of a text (1 to 4 bytes), 0 when the bytes
-/// there form none. Overlong forms, surrogates and values above U+10FFFF are not well formed.
-std::size_t utf8_character(std::string_view text);
-
-/// True when the whole text is well-formed UTF-8.
+/// True when the whole text is well-formed UTF-8, without overlong forms, surrogates or values above
+/// U+10FFFF.
 bool is_utf8(std::string_view text);
 
-/// A copy of the text in which every byte that belongs to no UTF-8 character is "?".
+/// A copy of the text in which "?" replaces each byte that is not part of a well-formed UTF-8 character.
 std::string to_utf8(std::string_view text);
 
-/// Walks a text line by line as fgets does with a buffer of `limit` + 1 bytes: a longer line comes in pieces.
-/// Lines come without their line feed.
+/// Reads a text line by line as fgets does with a buffer of `limit` + 1 bytes: a longer line is returned in
+/// pieces. Line feeds are removed.
 class line_reader {
   public:
     explicit line_reader(std::string_view text, std::size_t limit = 4095) : rest_(text), limit_(limit) {}
 
-    /// Moves to the next line; false at the end of the text.
+    /// Stores the next line; false at the end of the text.
     bool next(std::string_view& line);
 
   private:
@@ -147,13 +144,13 @@ class scanner {
   public:
     explicit scanner(std::string_view text) : rest_(text) {}
 
-    /// The next run of non-blank characters; empty at the end of the text.
+    /// The next word, ended by whitespace; empty at the end of the text.
     std::string_view word() { return next_word(rest_); }
 
-    /// Passes over `count` words; false when there are fewer.
+    /// Skips `count` words; false when there are fewer.
     bool skip(int count);
 
-    /// Reads the next number into `value`; false, with `value` unchanged, when something else comes next.
+    /// Reads the next number into `value`; false, with `value` unchanged, when no number comes next.
     template <std::integral Number>
     bool number(Number& value) {
         const std::size_t taken = read_number(rest_, value);
@@ -161,14 +158,14 @@ class scanner {
         return taken > 0;
     }
 
-    /// Passes over blanks and a text that has to stand there; false when something else does.
+    /// Skips whitespace and then `text`; false when other text follows the whitespace.
     bool literal(std::string_view text);
 
-    /// What stands before the next such character, blanks in front passed over; the character is passed over,
-    /// too. Without one it is all the rest.
+    /// The text up to the next `separator`, or the whole rest without one. Leading whitespace and the
+    /// separator are skipped.
     std::string_view until(char separator);
 
-    /// What has not been read yet.
+    /// The text that has not been read yet.
     [[nodiscard]] std::string_view rest() const { return rest_; }
 
   private:

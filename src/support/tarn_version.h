@@ -1,9 +1,9 @@
 #pragma once
 
-/// The agent's own version, as reported and printed; the build system has it.
+/// The agent's own version, as reported and printed; set by the build system.
 inline constexpr const char* tarn_version = TARN_VERSION;
 
-/// A version of which only the first two numbers count.
+/// The first two numbers of a version.
 struct tarn_version_info {
     unsigned int major;
     unsigned int minor;

@@ -1,3 +1,4 @@
+// The files of each kind, and the parsers that read them.
 #include "captures.h"
 
 #include <cstdlib>
@@ -24,7 +25,7 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-/// A reply whose parser cannot fail.
+/// Parses one reply; the parser cannot fail.
 template <typename Record, auto Parse>
 void read_reply(tarn_mycustom_counter& counter, const texts& answers) {
     auto& data = tarn::data_of<Record>(counter);
@@ -59,7 +60,7 @@ void read_records(tarn_mycustom_counter& counter, const texts& answers) {
     data.ok = 1;
 }
 
-/// The whole update, through the stub of the client libraries.
+/// Runs the whole update, with the stub as client library.
 void read_rows(tarn_mycustom_counter& counter, const texts& answers) {
     ::setenv("TARN_ROWS", (std::string(CAPTURES "/") + answers[0]).c_str(), 1);
     counter.update(counter);
@@ -118,7 +119,7 @@ std::vector<captured_kind> all_kinds() {
     };
 }
 
-/// The counter that the line made, in whatever family.
+/// The counter that the line made, in whichever family.
 tarn_mycustom_counter& only_counter() {
     for (const tarn_family& family :
          {mysql_family(), memcache_family(), beanstalk_family(), redis_family()}) {

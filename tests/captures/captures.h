@@ -6,28 +6,27 @@
 
 #include "record/tarn_counter.h"
 
-/// Answers of real servers, and of servers in odd states, kind by kind. Unit tests, benchmark and fuzz
-/// targets read them through the parsers of the agent.
+/// Captured answers of real servers, and answers of servers in unusual states, for every kind of service.
+/// Unit tests, benchmark and fuzz targets read them through the parsers of the agent.
 
-/// One kind and what its server answered, sample by sample.
+/// One kind and the answers of its server, sample by sample.
 struct captured_kind {
     std::string name;
     std::string line;                             ///< configuration line; "@port@" stands for a port
     std::vector<std::vector<std::string>> steps;  ///< the files of each sample
-    /// Reads the answers into the counter's sample, as its update does once it has them.
+    /// Parses the answers into the counter's sample, as its update does once it has received them.
     void (*read)(tarn_mycustom_counter& counter, const std::vector<std::string>& answers);
 };
 
 /// Every kind of service.
 std::span<const captured_kind> captured_kinds();
 
-/// The content of a file of this folder.
+/// The content of a file in this folder.
 std::string captured(const std::string& name);
 
-/// The answers of one sample. For the kinds that go through a client library these are the names of the
-/// files.
+/// The answers of one sample; for kinds that use a client library, the names of the files.
 std::vector<std::string> answers_of(const captured_kind& kind, std::size_t step);
 
-/// A counter of this kind, made by the configuration reader and initialised, with the stub in place of the
-/// client libraries. It lasts until the next call.
+/// Makes a counter of this kind from its configuration line and initialises it, with the stub as client
+/// library. The counter is valid until the next call.
 tarn_mycustom_counter& configured(const captured_kind& kind, int port);

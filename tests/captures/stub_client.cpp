@@ -1,6 +1,6 @@
-// Both database client libraries in one, without a server: statements have the rows of the file that
-// TARN_ROWS names. "> TEXT" begins the rows of the statements that begin so, "= NAME NAME" names their
-// columns; fields are separated by tabs, and "\N" is SQL's NULL.
+// Stands in for both database client libraries without a server. The results come from the file named by
+// TARN_ROWS: "> TEXT" begins the rows for statements that begin with TEXT, "= NAME NAME" names the columns,
+// tabs separate fields, and "\N" is SQL's NULL.
 #include <array>
 #include <cstdlib>
 #include <fstream>
@@ -13,7 +13,7 @@ namespace {
 using fields = std::vector<std::string>;
 
 struct answer {
-    std::string begins;
+    std::string prefix;  ///< of the statements that it answers
     fields names;
     std::vector<fields> rows;
 };
@@ -58,7 +58,7 @@ int find_answer(const std::string& statement) {
     found = nullptr;
     next_row = 0;
     for (const answer& one : answers) {
-        if (statement.starts_with(one.begins)) found = &one;
+        if (statement.starts_with(one.prefix)) found = &one;
     }
     return found == nullptr ? 1 : 0;
 }
@@ -69,7 +69,7 @@ char* text_of(const std::string& field) {
 
 }  // namespace
 
-// The libraries' own names.
+// The names are those of the libraries.
 // NOLINTBEGIN(readability-identifier-naming)
 extern "C" {
 void* mysql_init(void* /*connection*/) {

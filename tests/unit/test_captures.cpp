@@ -1,3 +1,4 @@
+// Every kind of service with captured answers, and every form of its configuration line.
 #include "captures.h"
 #include "config/tarn_config_line.h"
 #include "config/tarn_kinds.h"
@@ -5,13 +6,14 @@
 
 namespace {
 
-/// The element of the report; nothing while the counter has none.
+/// The counter's element of the report; empty when it appends none.
 std::string element_of(tarn_mycustom_counter& counter) {
     bson_t document = BSON_INITIALIZER;
     counter.tobson(counter, document);
     return printed_document(document);
 }
 
+/// What init prints.
 std::string init_of(tarn_mycustom_counter& counter) {
     testing::internal::CaptureStderr();
     const std::string printed = printed_by([&] { counter.init(counter); });
@@ -23,7 +25,7 @@ std::string init_of(tarn_mycustom_counter& counter) {
 
 }  // namespace
 
-TEST(Captures, AnswersBecomeElementsAndRates) {
+TEST(Captures, AnswersBecomeReportElements) {
     std::string text;
     for (const captured_kind& kind : captured_kinds()) {
         tarn_mycustom_counter* counter = nullptr;
@@ -31,7 +33,7 @@ TEST(Captures, AnswersBecomeElementsAndRates) {
         for (std::size_t step = 0; step < kind.steps.size(); ++step) {
             text += "== " + kind.steps[step].front() + "\n";
             text += printed_by([&] { kind.read(*counter, answers_of(kind, step)); });
-            // The first sample has none before it, so that it is taken twice.
+            // The first sample is used twice, because a delta needs a previous one.
             counter->delta(*counter, 15, step);
             if (step == 0) counter->delta(*counter, 15, 1);
             text += element_of(*counter) + printed_by([&] { counter->dump(*counter); });
@@ -45,7 +47,7 @@ TEST(Captures, ConfigurationLinesAreUnderstood) {
     std::istringstream lines(captured("lines.conf"));
     std::string text;
     init_config();
-    config.mysql_handle = config.postgre_handle = &config;  // something that is not null; never called
+    config.mysql_handle = config.postgre_handle = &config;  // not null, and never used
     for (std::string line; std::getline(lines, line);) {
         stats = {};
         text += "== " + line + "\n";

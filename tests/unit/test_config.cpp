@@ -1,3 +1,4 @@
+// The configuration files: identity, keys, lists, counter lines, bounds and refusals.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,7 +10,7 @@
 
 namespace {
 
-/// A directory of configuration files that is gone after the test.
+/// A directory of configuration files that is removed after the test.
 class Config : public testing::Test {
   protected:
     void SetUp() override {
@@ -27,7 +28,7 @@ class Config : public testing::Test {
     std::string path(const std::string& name) { return directory_ + "/" + name; }
     void write(const std::string& name, const std::string& text) { std::ofstream(path(name)) << text; }
 
-    /// Reads the configuration, this text in the main file; returns "result|printed".
+    /// Reads the configuration with this text in the main file; returns "result|printed".
     std::string read(const std::string& text) {
         write("main", text);
         int result = -1;
@@ -56,7 +57,7 @@ TEST_F(Config, IdentityIsAnIdOrAUuidWithNames) {
         {uuid + "project_name p\n", "1|" + missing("server_name"), 11},
         {uuid + "server_name s\nproject_name p\n", "0|", 11},
         {"uuid ffffffff-0000-0000-0000-123400000001", "0|", -2},  // each group modulo 2^32
-        {"uuid 1-2-x\nid 5\n", bad_uuid, 3},                      // nothing behind a malformed one is read
+        {"uuid 1-2-x\nid 5\n", bad_uuid, 3},                      // nothing after a malformed one is read
         {"uuid 1-2-3-4-5\n", bad_uuid, 1},
         {"uuid\n", bad_uuid, 0}};
     for (const auto& [text, outcome, key] : rows) {
@@ -135,7 +136,7 @@ TEST_F(Config, ExtraFilesAreReadInOrderUpToTheFirstFailure) {
     EXPECT_EQ(config.extConfigFiles, std::vector<std::string>{path("1.conf")});
 }
 
-TEST_F(Config, WhatCouldMakeRootOfAUserIsNamed) {
+TEST_F(Config, SettingsThatCouldRunScriptsAsRootAreReported) {
     const std::string refused = "0|custom_uid nobody is not a number, scripts run as user 65534\n";
     EXPECT_EQ(read("id 1\ncustom_uid nobody\n"), refused);
     EXPECT_EQ(config.custom_default_uid, 65534);

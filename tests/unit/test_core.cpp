@@ -1,3 +1,4 @@
+// The walkers over the families, and the cycle that calls them.
 #include "core/tarn_core.h"
 
 #include <regex>
@@ -9,7 +10,7 @@ namespace {
 
 std::string calls;
 
-/// An operation that writes down its name and the counter's id.
+/// An operation that records its name and the counter's id.
 template <char Name>
 int note(tarn_mycustom_counter& counter) {
     calls.append(1, Name).append(counter.id).append(" ");
@@ -28,7 +29,7 @@ int note_bson(tarn_mycustom_counter& counter, bson_t& /*document*/) {
 constexpr tarn_operations all = {note<'i'>, note<'r'>, note<'u'>, note_delta,
                                  note_bson, note<'D'>, note<'f'>};
 
-/// One counter in each family but the core's, named after the family.
+/// One counter in each family except the core family, named after its family.
 class Core : public testing::Test {
   protected:
     void SetUp() override {
@@ -45,7 +46,7 @@ class Core : public testing::Test {
         calls.clear();
     }
     void TearDown() override { stats = {}; }
-    /// What a call prints in debug mode, the time of day as "T", and the operations that it called.
+    /// What a call prints in debug mode, with times replaced by "T", and the operations that it called.
     static std::string traced(void (*call)()) {
         config.debug = 1;
         calls.clear();
@@ -57,7 +58,7 @@ class Core : public testing::Test {
 
 }  // namespace
 
-TEST_F(Core, WalksInTheirOrdersWithTheirTexts) {
+TEST_F(Core, WalksHaveTheirOrderAndTexts) {
     EXPECT_TRUE(traced([] { initCounters(5); }).ends_with("done\nicu imc ime ibe ire \n"));
     config.mysql_handle = &stats;
     expect_golden("walks.txt", traced([] {
@@ -70,16 +71,16 @@ TEST_F(Core, WalksInTheirOrdersWithTheirTexts) {
                   }));
 }
 
-TEST_F(Core, AbsentOperationsArePassedOver) {
+TEST_F(Core, AbsentOperationsAreSkipped) {
     mycustom_set(stats.redis_counters[0], {}, {});
-    stats.mycustom_counters[0].delta = nullptr;  // in this family the dump goes by the delta operation
+    stats.mycustom_counters[0].delta = nullptr;  // in this family the dump depends on the delta operation
     stats.mysql_counters[0].dump = nullptr;
     updateCounters();
     dumpCounters();
     EXPECT_EQ(calls, "umy ume ube umc Dcu Dme Dbe ");
 }
 
-TEST_F(Core, TheFirstCycleSendsNothingAndTheLastNumberStartsAgain) {
+TEST_F(Core, TheFirstCycleSendsNothingAndTheCycleNumberWraps) {
     EXPECT_EQ(run_cycle(61, 0), 1U);
     EXPECT_EQ(calls, "umy ume ube ure umc 15/0dmy 15/0dmc 15/0dme 15/0dbe 15/0dre ");
     calls.clear();

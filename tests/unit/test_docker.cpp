@@ -1,3 +1,4 @@
+// The container engine: requests, statistics messages, the framing of their stream, and the container table.
 #include <cmath>
 
 #include "docker/tarn_docker_client.h"
@@ -26,7 +27,7 @@ TEST(Docker, StatisticsAreReadFromTheFirstObject) {
     EXPECT_TRUE(std::isnan(docker_cpu_percent(container)));
 }
 
-TEST(Docker, ObjectsAreWholeHoweverTheyAreSpreadOverReads) {
+TEST(Docker, ObjectsAreReassembledAcrossReads) {
     const std::string tricky = R"({"a":"}{\"\\","b":{"c":[{}]}})";
     const std::string stream = "HTTP/1.0 200 OK\r\n{no\r\n\r\n" + tricky + "\n" + message + "\n";
     for (std::size_t split = 0; split <= stream.size(); ++split) {
@@ -43,7 +44,7 @@ TEST(Docker, ObjectsAreWholeHoweverTheyAreSpreadOverReads) {
     EXPECT_EQ(found, tricky + message);
 }
 
-TEST(Docker, ABrokenObjectCostsOnlyItself) {
+TEST(Docker, OnlyABrokenObjectIsLost) {
     for (const std::string broken : {R"({"cpu_stats":{bad)", R"({"a":"x})", R"({"a":1)"}) {
         tarn::json_framer framer;
         EXPECT_EQ(framer.feed(broken + "\n" + message + "\n"), message) << broken;
@@ -54,7 +55,7 @@ TEST(Docker, ABrokenObjectCostsOnlyItself) {
         EXPECT_EQ(tarn::json_framer().feed(wide), wide);
 }
 
-TEST(Docker, TheTableHoldsAHundred) {
+TEST(Docker, TheTableHoldsAHundredContainers) {
     init_config();
     config.shm_key = 0x7A51;
     ASSERT_EQ(docker_init(config.docker), 1);
@@ -70,7 +71,7 @@ TEST(Docker, TheTableHoldsAHundred) {
     EXPECT_FALSE(tarn_docker_resolve(config.docker, "1"));
 }
 
-TEST(Docker, OnlyNamesOfContainersAreAskedFor) {
+TEST(Docker, OnlyValidContainerNamesAreRequested) {
     for (const char* const name :
          {"", "a b", "a\nPOST /x", "-a", ".", "../x", "a/b", "a?b", "a%20", "\xC3\xA9"})
         EXPECT_FALSE(tarn_docker_request("/containers/", name, "/json")) << name;

@@ -1,3 +1,4 @@
+// FastCGI parameters and records.
 #include "services/tarn_fcgi.h"
 #include "test_helpers.h"
 
@@ -12,7 +13,7 @@ std::string record_of(char type, const std::string& content, std::size_t padding
 
 }  // namespace
 
-TEST(Fcgi, ParametersByteByByte) {
+TEST(Fcgi, ParametersAreEncodedByteForByte) {
     const auto encoded = [](const std::string& name, const std::string& value) {
         std::string pair;
         const std::size_t length = serialize_name_value(pair, {name, value});

@@ -13,7 +13,7 @@
 #include "report/tarn_bson_print.h"
 #include "support/tarn_text.h"
 
-/// The values as one text, "|" between them, so that a row of them is compared in one go.
+/// Joins values with "|" into one text, so that a row of them is compared at once.
 template <typename First, typename... Rest>
 std::string fields(const First& first, const Rest&... rest) {
     std::ostringstream text;
@@ -22,7 +22,7 @@ std::string fields(const First& first, const Rest&... rest) {
     return text.str();
 }
 
-/// What a call prints.
+/// What a call prints on standard output.
 template <typename Call>
 std::string printed_by(Call call) {
     testing::internal::CaptureStdout();
@@ -30,23 +30,23 @@ std::string printed_by(Call call) {
     return testing::internal::GetCapturedStdout();
 }
 
-/// A document as a reader sees it, the types of its elements with them. The document is released.
+/// The printed form of a document, with the type of each element. Destroys the document.
 inline std::string printed_document(bson_t& document) {
     const std::string text = printed_by([&] { print_report({bson_get_data(&document), document.len}, 0); });
     bson_destroy(&document);
     return text;
 }
 
-/// Compares with the kept text. TARN_REWRITE_GOLDEN=1 in the environment keeps this one instead.
+/// Compares a text with a golden file. TARN_REWRITE_GOLDEN=1 in the environment rewrites the file first.
 inline void expect_golden(const std::string& name, const std::string& text) {
     const std::string path = std::string(GOLDEN_DIR) + "/" + name;
     if (std::getenv("TARN_REWRITE_GOLDEN") != nullptr) std::ofstream(path) << text;
-    std::stringstream kept;
-    kept << std::ifstream(path).rdbuf();
-    EXPECT_EQ(kept.str(), text);
+    std::stringstream golden;
+    golden << std::ifstream(path).rdbuf();
+    EXPECT_EQ(golden.str(), text);
 }
 
-/// A counter with the blocks of its kind: zero-filled ones, or what init makes of a configuration text.
+/// A counter with the data blocks of its kind, zero-filled or made by init from a configuration text.
 template <typename Record>
 struct counter_of {
     tarn_mycustom_counter counter{};

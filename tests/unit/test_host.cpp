@@ -1,12 +1,12 @@
+// The host counters: parsing of kernel and release files, and rates between samples.
 #include "host/tarn_cpu.h"
 #include "host/tarn_disk.h"
-#include "host/tarn_mem.h"
 #include "host/tarn_mount.h"
 #include "host/tarn_net.h"
 #include "host/tarn_os.h"
 #include "test_helpers.h"
 
-TEST(Cpu, PercentagesAreSharesOfAllNineTruncated) {
+TEST(Cpu, PercentagesAreTruncatedSharesOfAllNineFields) {
     EXPECT_EQ(cpu_count("cpu  1 2\ncpu0 1\ncpu1 1\ncpu1 9\ncpux\nintr 5\n"), 3U);
     counter_of<tarn_mycustom_data_cpu> cpu;
     const auto cycle = [&cpu](int ok, const char* stat, std::uint64_t iteration) {
@@ -17,11 +17,11 @@ TEST(Cpu, PercentagesAreSharesOfAllNineTruncated) {
         return fields(delta.ok, delta.user, delta.idle, delta.guest, delta.cputot);
     };
     EXPECT_EQ(cycle(1, "cpu0 9 9\ncpu  100 0 0 100 0 0 0 0 0 7\n", 0), "0|100|100|0|0");
-    // Guest is inside user too, and counted again.
+    // The kernel counts guest in user, too; the sum contains both.
     EXPECT_EQ(cycle(1, "cpu 120 0 0 120 0 0 0 0 20 8\n", 1), "1|33|33|33|60");
-    EXPECT_EQ(cycle(1, "intr 1\n", 2), "1|0|0|0|0");  // what is not there keeps its value
+    EXPECT_EQ(cycle(1, "intr 1\n", 2), "1|0|0|0|0");  // a missing field keeps its value
     EXPECT_EQ(cycle(0, "", 3), "0|120|120|20|0");
-    EXPECT_EQ(cycle(1, "", 4), "0|120|120|20|0");  // the sample before is not ok
+    EXPECT_EQ(cycle(1, "", 4), "0|120|120|20|0");  // the previous sample is not ok
     EXPECT_EQ(cycle(1, "cpu 122 0 0 121", 5), "1|66|33|0|3");
 }
 
@@ -30,18 +30,18 @@ TEST(Disk, RatesAndShares) {
         return mibdisk{ok, "sda", reads, writes, 0, 0, ms, 0, 0, 0, 0};
     };
     const auto rates = [](const mibdisk& now, const mibdisk& before, std::uint32_t cpus) {
-        const mibdisk is = disk_rates(now, before, {12000, cpus, 100, 60});
-        return fields(is.ok, is.rbytes, is.wbytes, is.tticks, is.avio, is.busy);
+        const mibdisk result = disk_rates(now, before, {12000, cpus, 100, 60});
+        return fields(result.ok, result.rbytes, result.wbytes, result.tticks, result.avio, result.busy);
     };
     const mibdisk before = totals(1, 100, 0, 1000);
-    // 30 s of the 60 s that 12000 jiffies of two CPUs make.
+    // Busy for 30 s of an interval of 12000 jiffies on two CPUs, which is 60 s.
     EXPECT_EQ(rates(totals(1, 690, 70, 31000), before, 2), "1|9|1|500|50|50");
     EXPECT_EQ(rates(totals(0, 690, 70, 31000), before, 0), "0|9|1|500|50|0");
     EXPECT_EQ(rates(before, before, 2), "1|0|0|0|0|0");
     EXPECT_EQ(rates(totals(1, 40, 0, 1000), before, 2), "1|307445734561825859|0|0|0|0");  // (2^64 - 60) / 60
 }
 
-TEST(Disk, LinesGoToTheirDevicesWhichComeAndGo) {
+TEST(Disk, LinesAreMatchedToDevicesThatComeAndGo) {
     counter_of<tarn_mycustom_data_cpu> cpu;
     stats.core_counters[core_cpu].data_delta = cpu.counter.data_delta;
     counter_of<tarn_mycustom_data_disk> disk;
@@ -54,10 +54,11 @@ TEST(Disk, LinesGoToTheirDevicesWhichComeAndGo) {
         disk_parse_diskstats(lines, disk.data());
         disk_operations.delta(disk.counter, 1, iteration);
         std::string found = std::to_string(disk.delta().ok) + ":";
-        for (const mibdisk& is : disk.delta().mibdisk_list) {
-            found += fields(" ", is.device, is.ok, "");
-            if (is.ok == 0) continue;
-            found += fields(is.rbytes, is.sRead, is.rticks, is.wbytes, is.sWritten, is.wticks, is.tticks);
+        for (const mibdisk& rates : disk.delta().mibdisk_list) {
+            found += fields(" ", rates.device, rates.ok, "");
+            if (rates.ok == 0) continue;
+            found += fields(rates.rbytes, rates.sRead, rates.rticks, rates.wbytes, rates.sWritten,
+                            rates.wticks, rates.tticks);
         }
         return found;
     };
@@ -70,7 +71,7 @@ TEST(Disk, LinesGoToTheirDevicesWhichComeAndGo) {
     stats.core_counters[core_cpu] = {};
 }
 
-TEST(Net, AnInterfaceCountsFromTheThirdSample) {
+TEST(Net, AnInterfaceIsReportedFromTheThirdSample) {
     init_config();
     counter_of<tarn_mycustom_data_net> net;
     const auto cycle = [&](const std::string& lines, std::uint64_t iteration) {
@@ -143,9 +144,10 @@ TEST(Os, ReleaseFilesAreReadByTheirRules) {
         {issue, "\n", "?|unknown|unknown"}};
     constexpr const char* families[] = {"?", "redhat", "debian"};
     for (const auto& [parse, text, expected] : rows) {
-        os_release is;
-        parse(text, is);
-        EXPECT_EQ(fields(families[static_cast<int>(is.family)], is.name, is.version), expected) << text;
+        os_release release;
+        parse(text, release);
+        EXPECT_EQ(fields(families[static_cast<int>(release.family)], release.name, release.version), expected)
+            << text;
     }
     EXPECT_EQ(
         fields(os_report_name("Debian GNU/Linux"), os_report_name("CentOS Linux"), os_report_name("Red"),

@@ -1,10 +1,11 @@
+// The JSON tree and the splitting of URLs and strings.
 #include "support/tarn_json.h"
 #include "support/tarn_parse_url.h"
 #include "test_helpers.h"
 
 namespace {
 
-/// A parsed text that outlives its tree.
+/// A text and its tree, whose nodes point into the text.
 struct parsed {
     std::string text;
     nx_json_tree tree;
@@ -14,7 +15,7 @@ struct parsed {
 
 }  // namespace
 
-TEST(Json, PathsReadWhateverIsThereAndZeroOtherwise) {
+TEST(Json, PathsReadValuesAndZeroForAMissingOne) {
     const parsed json(
         R"( {"a":{"b":5,"list":[1,{"x":2}],"d":2.75,"e":-7e2,"t":true,"f":false,"n":null,"s":"t\"\u0041\nx"},)"
         R"("a.b":1,"big":99999999999999999999,"neg":-3,"dup":1,"dup":2} trailing)");
@@ -46,7 +47,7 @@ TEST(Json, PathsReadWhateverIsThereAndZeroOtherwise) {
     EXPECT_EQ(fields(text, int{text[7]}), "|0");  // ended at its last byte too
 }
 
-TEST(Json, NumbersMayHaveFormsThatJsonDoesNotKnow) {
+TEST(Json, NumbersMayHaveFormsOutsideTheJsonStandard) {
     // The value as an integer, as a double, and its type.
     const std::pair<const char*, const char*> rows[] = {
         {"010", "8|8|int"},
@@ -74,15 +75,15 @@ TEST(Json, NumbersMayHaveFormsThatJsonDoesNotKnow) {
         for (const std::string& whole : {text, text.substr(0, text.find(",\"w")) + "}"}) {
             const parsed json(whole);
             ASSERT_TRUE(json.tree) << whole;
-            const nx_json& is = nx_json_get(*json, "v");
-            EXPECT_EQ(fields(is.int_value, is.dbl_value, nx_json_get_type(is)), expected) << whole;
+            const nx_json& node = nx_json_get(*json, "v");
+            EXPECT_EQ(fields(node.int_value, node.dbl_value, nx_json_get_type(node)), expected) << whole;
             EXPECT_STREQ(nx_json_get(*json, "t").text_value, "-010 \" 0x1F");
             EXPECT_EQ(nx_json_item(nx_json_get(*json, "w"), 0).int_value, whole == text ? 16 : 0);
         }
     }
 }
 
-TEST(Json, ColumnsSumTheirIntegersAndFlagTheRest) {
+TEST(Json, ColumnSumsTakeIntegersAndFlagOtherValues) {
     const std::pair<const char*, const char*> rows[] = {{R"({"a":{"x":1},"b":{"x":2},"c":{"x":"3"}})", "3|1"},
                                                         {R"({"a":{"x":1},"b":{"x":2}})", "3|0"},
                                                         {R"({"a":{"x":1.5},"b":7,"c":{}})", "0|1"},
@@ -95,7 +96,7 @@ TEST(Json, ColumnsSumTheirIntegersAndFlagTheRest) {
     }
 }
 
-TEST(Json, WhatIsNoJsonIsNothing) {
+TEST(Json, InvalidOrExcessiveTextsAreRejected) {
     for (const char* const text : {"", " ", "{", "{\"a\":}", "{\"a\" 1}", "[1,]", "nul", "{\"a\":1",
                                    "\"\\x\"", "[08]", "[0x]", "[1e]", "[01 2]"})
         EXPECT_FALSE(parsed(text).tree) << text;
@@ -110,7 +111,7 @@ TEST(Json, WhatIsNoJsonIsNothing) {
     EXPECT_EQ(json_get_long_by_path(*nx_json_parse_utf8(embedded, embedded.find('{')), "a"), 1);
 }
 
-TEST(Url, AddressesAreSplitIntoTheirPieces) {
+TEST(Url, AddressesAreSplitIntoTheirParts) {
     const std::string longest(500, 'u'), cut(99, 'u');
     const std::pair<std::string, std::string> rows[] = {
         {"user:secret@10.0.0.1:6379", "user|secret|10.0.0.1|6379"},

@@ -1,3 +1,4 @@
+// tarn-receive: the checks on a packet, and the printed forms of a report.
 #include "receive_packet.h"
 #include "receive_print.h"
 #include "report/tarn_sign.h"
@@ -29,7 +30,7 @@ std::string signed_with(const std::string& document, std::string_view secret) {
     return document + std::string(signature.begin(), signature.end());
 }
 
-/// A document in which so many others lie one in the other.
+/// A document with this many further documents nested in it.
 std::string nested(int levels) {
     const std::string inner = levels > 0 ? std::string("\3a\0", 3) + nested(levels - 1) : "";
     const auto length = static_cast<std::uint32_t>(inner.size() + 5);
@@ -38,7 +39,7 @@ std::string nested(int levels) {
 
 }  // namespace
 
-TEST(Receive, OnlyWholeAndRightlySignedPacketsAreTaken) {
+TEST(Receive, OnlyCompleteAndCorrectlySignedPacketsAreAccepted) {
     const std::string report = small_report();
     const std::string sent = signed_with(report, "abc");
     const std::string unparsable("\x08\0\0\0~a\0\0", 8);
@@ -55,7 +56,7 @@ TEST(Receive, OnlyWholeAndRightlySignedPacketsAreTaken) {
         {report.substr(0, 87), "", "a document of 88 bytes does not fit a packet of 87"},
         {"", "", "shorter than any document"},
         {unparsable, "", "not valid BSON"},
-        // Code with a scope, a regular expression and a key that are not UTF-8, an array without its end, a
+        // Code with a scope, a regular expression and a key that are not UTF-8, an array without an end, a
         // text with a zero byte.
         {std::string("\x15\0\0\0\x0F\0\x0E\0\0\0\1\0\0\0\0\5\0\0\0\0\0", 21), "", "not valid BSON"},
         {std::string("\x0B\0\0\0\x0Br\0\xFF\0\0\0", 11), "", "not valid BSON"},
@@ -70,7 +71,7 @@ TEST(Receive, OnlyWholeAndRightlySignedPacketsAreTaken) {
     }
 }
 
-TEST(Receive, NamesInArraysAreNotLost) {
+TEST(Receive, KeysInArraysAreKept) {
     const std::string report = small_report();
     EXPECT_EQ(
         report_as_json(bytes_of(report)),

@@ -1,3 +1,4 @@
+// The report's bytes, its signature, and the comparison of host names.
 #include "core/tarn_core.h"
 #include "host/tarn_cpu.h"
 #include "host/tarn_disk.h"
@@ -9,7 +10,6 @@
 #include "report/tarn_bson.h"
 #include "report/tarn_networking.h"
 #include "report/tarn_sign.h"
-#include "support/tarn_bson_append.h"
 #include "test_helpers.h"
 
 namespace {
@@ -29,7 +29,7 @@ std::string report_digits() {
     return text + "\n";
 }
 
-/// The block of a host counter that is to be filled.
+/// Allocates the blocks of a host counter and returns the one to fill.
 template <typename Record>
 Record& allocated(tarn_core_slot slot, void* tarn_mycustom_counter::*block) {
     tarn::allocate_records<Record>(stats.core_counters[slot], "test");
@@ -48,7 +48,7 @@ class Report : public testing::Test {
 
 }  // namespace
 
-TEST_F(Report, EveryElementOfTheHostByteForByte) {
+TEST_F(Report, HostElementsMatchByteForByte) {
     constexpr auto data = &tarn_mycustom_counter::data;
     constexpr auto delta = &tarn_mycustom_counter::data_delta;
     allocated<tarn_mycustom_data_os>(core_os, data) = {1, "x86_64", "Debian", "12", 320, 4321};
@@ -67,8 +67,8 @@ TEST_F(Report, EveryElementOfTheHostByteForByte) {
     expect_golden("report.hex", report_digits());
 }
 
-TEST_F(Report, WhatCouldNotBeSampledIsZeroOrEmpty) {
-    // Nothing has been sampled after init; that of the mounts alone reads the table of this host.
+TEST_F(Report, CountersWithoutASampleAreZeroOrEmpty) {
+    // No counter has a sample after init. The mount counter's init is left out: it reads this host's table.
     for (auto& counter : stats.core_counters) {
         if (&counter != &stats.core_counters[core_mount]) counter.init(counter);
     }
@@ -91,6 +91,6 @@ TEST_F(Report, SignatureIsTheDigestOfDocumentAndSecret) {
     EXPECT_EQ(packet("a", ""), "a");
 }
 
-TEST(Networking, OnlyTheEndOfANameCounts) {
+TEST(Networking, OnlyTheEndOfANameIsCompared) {
     EXPECT_EQ(fields(endsWith("a.b.example", "b.example"), endsWith("b.example.org", "b.example")), "1|0");
 }

@@ -1,9 +1,6 @@
+// Script counters: settings, output, increase and report element.
 #include "customs/tarn_custom.h"
-
 #include "customs/tarn_custom_exec.h"
-
-#include <cstring>
-
 #include "test_helpers.h"
 
 using script = counter_of<tarn_mycustom_data_custom>;
@@ -15,20 +12,20 @@ TEST(Scripts, SettingsAreReadWithAllTheirQuirks) {
         {"a b periods=15 incrementally timeout=9x alert=value>5 c uid=7",
          "a|b|c uid=7|value>5|65534|5|9|1|11"},
         {"\"my report\" \"the id\" x", "my report|the id|x" + defaults},
-        {"\"one\" two\" id x", "one\" two|id|x" + defaults},  // only opens, then closes
+        {"\"one\" two\" id x", "one\" two|id|x" + defaults},  // a quote at both ends only opens
         {"a  b uid=1 x", "a|b| x||1|4|5|0|11"},
         {"a   b uid=1 x", "a|b|b uid=1 x" + defaults},  // "b" is read twice
         {"a b uid=1 type=12", "a|b|||1|4|5|0|12"},
-        {"a b uid=nobody uid= c", "a|b|c" + defaults},  // a name is not taken for user 0
+        {"a b uid=nobody uid= c", "a|b|c" + defaults},  // a name is not read as user 0
         {"\"never closed", "never closed||" + defaults},
         {"\n", "||" + defaults},
         {longest + " i alert=" + longest + " c",
          longest.substr(0, 255) + "|i|c|" + longest.substr(0, 49) + "|65534|4|5|0|11"}};
     for (const auto& [text, settings] : rows) {
-        const script read(text, custom_operations);
-        const auto& is = read.counter;
-        EXPECT_EQ(fields(is.report, is.id, is.exec, is.alert_condition, is.uid, is.interval, is.max_seconds,
-                         is.incremental, is.type),
+        const script parsed(text, custom_operations);
+        const auto& cnt = parsed.counter;
+        EXPECT_EQ(fields(cnt.report, cnt.id, cnt.exec, cnt.alert_condition, cnt.uid, cnt.interval,
+                         cnt.max_seconds, cnt.incremental, cnt.type),
                   settings);
     }
 }
@@ -68,7 +65,7 @@ TEST(Scripts, IncrementalCountersReportTheirIncrease) {
     EXPECT_EQ(cycle(130, 1, 1, 2), "30");
     EXPECT_EQ(cycle(40, 1, 1, 3), "0");  // a reset
     EXPECT_EQ(cycle(0, 0, 1, 4), "-");   // failed
-    EXPECT_EQ(cycle(50, 1, 1, 5), "-");  // the one before failed
+    EXPECT_EQ(cycle(50, 1, 1, 5), "-");  // the previous run failed
     EXPECT_EQ(cycle(51, 1, 1, 6), "1");
 }
 
@@ -79,7 +76,8 @@ TEST(Scripts, TheReportNamesValueTypeAndAlerts) {
     EXPECT_TRUE(bson_empty(&document));
     run.delta().mustBeUpdated = run.delta().updated = run.delta().agent_alerts_count = 1;
     run.delta().value = 2.5;
-    tarn::copy_terminated(run.delta().agent_alerts[0].text, "h\xC3");  // cut in the middle of a character
+    tarn::copy_terminated(run.delta().agent_alerts[0].text,
+                          "h\xC3");  // truncated in the middle of a character
     custom_operations.tobson(run.counter, document);
     EXPECT_EQ(printed_document(document),
               "web_users : document\n\treport : string web\n\tname : string users\n\tinterval : int32 45\n"

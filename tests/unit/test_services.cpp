@@ -1,3 +1,4 @@
+// The services' configuration texts, rates, statements, and replies that no server should send.
 #include "record/tarn_rates.h"
 #include "services/tarn_elastic.h"
 #include "services/tarn_postgre.h"
@@ -27,7 +28,7 @@ TEST(Services, AddressesAreReadWithAndWithoutPassword) {
     }
 }
 
-TEST(Services, AnElasticNodeMayHoldColons) {
+TEST(Services, AnElasticNodeNameMayContainColons) {
     const std::pair<const char*, const char*> rows[] = {{"a:b h:9200 n:1\n", "a:b|h|9200|n:1|0"},
                                                         {"a [box]:9200 n", "a|[box]|9200|n|1"},
                                                         {"a h n", "a|h n|0||0"},
@@ -50,11 +51,11 @@ TEST(Services, RatesWrapAtTheirOwnWidth) {
     EXPECT_EQ(tarn::increase_per_second(40, 190, 60), 0.0);
 }
 
-TEST(Services, LongRunningStatementsAreAskedForInTheseWords) {
+TEST(Services, LongRunningStatementsAreCountedWithTheseTexts) {
     expect_golden("long_running.txt", get_query_str("9") + "\n" + get_query_str_old("9") + "\n");
 }
 
-TEST(Services, BodiesOfTheWrongShapeAreFailures) {
+TEST(Services, BodiesOfTheWrongTypeAreFailures) {
     for (const char* const body : {"[]", "[1]", "{}", "", "nonsense", "[{\"fd_used\":5"}) {
         tarn_mycustom_data_rabbit rabbit{};
         rabbit.fd_used = rabbit.processors = rabbit.queues_count = 9;

@@ -1,10 +1,11 @@
+// Numbers, copies, lines, masks, UTF-8 and Base64.
 #include "support/tarn_base64.h"
 #include "test_helpers.h"
 
 using namespace std::string_view_literals;
 
 TEST(Text, NumbersAreReadAsScanfReadsThem) {
-    // Characters taken, the value as "%lu" and as "%d", which keeps the low 32 bits.
+    // Characters consumed, the value as "%lu", and as "%d", which keeps the low 32 bits.
     const std::pair<std::string_view, const char*> rows[] = {
         {"42", "2|42|42"},
         {" \t-7x", "4|18446744073709551609|-7"},
@@ -27,7 +28,7 @@ TEST(Text, NumbersAreReadAsScanfReadsThem) {
         EXPECT_FALSE(tarn::is_valid_int(bad)) << bad;
 }
 
-TEST(Text, CopiesStayInTheirFields) {
+TEST(Text, CopiesAreCutToTheirFields) {
     char bounded[4], whole[4], ended[4], filtered[4];
     tarn::copy_terminated(bounded, "abcdef");
     tarn::copy_padded(whole, "abcdef");
@@ -36,7 +37,7 @@ TEST(Text, CopiesStayInTheirFields) {
     EXPECT_EQ(fields(bounded, tarn::text_of(whole), tarn::text_of(ended), filtered), "abc|abcd|a|abc");
 }
 
-TEST(Text, LinesComeInPiecesOfTheLimit) {
+TEST(Text, LongLinesAreSplitAtTheLimit) {
     tarn::line_reader lines("abcdefg\n\nhi", 3);
     std::string pieces;
     for (std::string_view line; lines.next(line);)
@@ -44,7 +45,7 @@ TEST(Text, LinesComeInPiecesOfTheLimit) {
     EXPECT_EQ(pieces, "abc|def|g||hi|");
 }
 
-TEST(Text, MasksMatchByPrefixOnlyWithAStarBehindSomething) {
+TEST(Text, MasksMatchByPrefixOnlyWithAStarAfterAPrefix) {
     const char masks[4][256] = {"lo", "veth*", "*", "br-*x"};
     const auto excluded = [&](std::string_view name) { return tarn::in_excludelist(name, masks, 4); };
     for (const auto name : {"lo", "veth", "veth12", "*", "br-*x"})
@@ -54,9 +55,10 @@ TEST(Text, MasksMatchByPrefixOnlyWithAStarBehindSomething) {
     EXPECT_FALSE(tarn::in_excludelist("lo", masks, 0));
 }
 
-TEST(Text, EachByteOfNoCharacterBecomesAQuestionMark) {
+TEST(Text, EachInvalidByteBecomesAQuestionMark) {
     const std::string good = "pl\xC3\xA9in \xE2\x82\xAC \xF0\x9F\x98\x80 ";
-    // Two lead bytes alone, two overlong forms, a surrogate, beyond U+10FFFF, no continuation twice, a cut.
+    // An invalid and a lone lead byte, two overlong forms, a surrogate, a value above U+10FFFF, two wrong
+    // continuation bytes, a truncated character.
     const std::string bad =
         "\xFFx \xC3 \xC0\xAF \xE0\x9F\xBF \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x28\xA1 \xF0\x9F\x98\x41 "
         "\xE2\x82";
@@ -70,6 +72,6 @@ TEST(Text, Base64BreaksItsLinesAfter72Characters) {
     std::string line;
     for (int n = 0; n < 18; ++n)
         line += "YWFh";
-    EXPECT_EQ(tarn::base64(std::string(54, 'a')), line);  // no line end behind a full line
+    EXPECT_EQ(tarn::base64(std::string(54, 'a')), line);  // no line feed after a full last line
     EXPECT_EQ(tarn::base64(std::string(109, 'a')), line + "\n" + line + "\nYQ==");
 }
