@@ -1,90 +1,89 @@
 """Scripted peers: what a broken or hostile service may do with a connection."""
 
+import contextlib
 import socket
+import struct
 import threading
 import time
 from pathlib import Path
 
 
 class FakeServer:
-    """Listens on a port of its own and gives every connection to `behaviour(peer, number)`. What the peers sent
-    first is kept."""
+    """Listens on a port of its own, plays its steps on every connection and ends it. A step is bytes to send, seconds
+    to wait, `...` for a request to wait for and keep, a tuple of steps to repeat for ever, or a function of the
+    connection. Kept besides: how many connections were broken off, and how long each lasted."""
 
-    def __init__(self, behaviour, path=None, host="127.0.0.1"):
-        self.behaviour, self.requests, self.number = behaviour, [], 0
+    def __init__(self, *steps, path=None):
+        self.steps, self.requests, self.broken_off, self.lasted = steps, [], 0, []
         self.listener = socket.socket(socket.AF_UNIX if path else socket.AF_INET)
-        self.listener.bind(str(path) if path else (host, 0))
+        self.listener.bind(str(path) if path else ("127.0.0.1", 0))
         self.listener.listen(64)
         self.port = None if path else self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
-        while True:
-            try:
-                peer, _ = self.listener.accept()
-            except OSError:
-                return
-            self.number += 1
-            threading.Thread(target=self._serve, args=(peer, self.number), daemon=True).start()
+        with contextlib.suppress(OSError):
+            while True:
+                threading.Thread(target=self._serve, args=self.listener.accept()[:1], daemon=True).start()
 
-    def _serve(self, peer, number):
+    def _serve(self, peer):
+        start = time.monotonic()
         try:
             with peer:
-                self.behaviour(self, peer, number)
+                self.play(peer, self.steps)
+                peer.shutdown(socket.SHUT_WR)
+                while peer.recv(65536):  # a close with bytes unread would be a reset
+                    pass
         except OSError:
-            pass
+            self.broken_off += 1
+        self.lasted.append(time.monotonic() - start)
 
-    def read(self, peer):
-        request = peer.recv(65536)
-        self.requests.append(request)
-        return request
+    def play(self, peer, steps):
+        for step in steps:
+            if step is ...:
+                self.requests.append(peer.recv(65536))
+            elif isinstance(step, bytes):
+                peer.sendall(step)
+            elif callable(step):
+                step(peer)
+            elif isinstance(step, tuple):
+                while True:
+                    self.play(peer, step)
+            else:
+                time.sleep(step)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
 
 
-def silent(server, peer, _):
-    server.read(peer)
-    time.sleep(30)
+silent = (..., 60)
 
 
-def mute(_, peer, __):
-    time.sleep(30)
+class NameServer:
+    """Answers every question with one A record, with "no such name", or not at all."""
+
+    def __init__(self, address, flags=None, record=b""):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.bind((address, 53))
+        self.asked = 0
+        threading.Thread(target=self._answer, args=(flags, record), daemon=True).start()
+
+    def _answer(self, flags, record):
+        while True:
+            query, peer = self.socket.recvfrom(512)
+            self.asked += 1
+            if flags:
+                head = query[:2] + flags + bytes([0, 1, 0, len(record) > 0, 0, 0, 0, 0])
+                self.socket.sendto(head + query[12:query.index(b"\0", 12) + 5] + record, peer)
 
 
-def closing(_, peer, __):
+def reset(peer):
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     peer.close()
-
-
-def empty(server, peer, _):
-    server.read(peer)
-
-
-def flooding(server, peer, _):
-    server.read(peer)
-    while True:
-        peer.sendall(b"\xff\n\0" * 10000)
-
-
-def saying(text):
-    """Answers the first request with these bytes and closes."""
-    def behaviour(server, peer, _):
-        server.read(peer)
-        peer.sendall(text)
-    return behaviour
-
-
-def saying_in_turn(*texts):
-    """Answers the requests of a connection one after the other, and keeps it."""
-    def behaviour(server, peer, _):
-        for text in texts:
-            server.read(peer)
-            peer.sendall(text)
-        server.read(peer)
-    return behaviour
 
 
 def captured(name):
@@ -92,7 +91,9 @@ def captured(name):
     return (Path(__file__).parents[1] / "captures" / name).read_bytes()
 
 
-FAULTS = {"silent": silent, "mute": mute, "closing": closing, "empty": empty, "flooding": flooding,
-          "garbage": saying(bytes(range(256)) * 40), "zeros": saying(b"\0" * 9000),
-          "wrong": saying(b"HTTP/1.1 400 Bad Request\r\n\r\n<html>{}</html>"),
-          "beyond": saying(b"STAT cmd_get 9999999999999999999999\r\nuptime_in_seconds:99999999999999999999999\r\n")}
+def mysql_packet(number, payload):
+    return len(payload).to_bytes(3, "little") + bytes([number]) + payload
+
+
+MYSQL_GREETING = mysql_packet(0, b"\x0a8.0\0" + bytes(4) + b"12345678\0" + b"\xff\xf7\x21\2\0\xff\xc1\x15" + bytes(10)
+                              + b"123456789012\0mysql_native_password\0")

@@ -1,304 +1,180 @@
-"""Real servers, each on a port and in a directory of its own, started once for the whole run."""
+"""Real servers, each on a port and in a directory of its own."""
 
-import base64
-import json
 import os
-import pwd
 import shutil
 import socket
 import subprocess
 import tempfile
-import urllib.error
-import urllib.request
 from pathlib import Path
 
-from tarn_host import wait_for
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def answers(port):
-    with socket.socket() as probe:
-        probe.settimeout(1)
-        return probe.connect_ex(("127.0.0.1", port)) == 0
-
-
-def template(name, **values):
-    """A configuration file, its "@word@"s replaced."""
-    text = (Path(__file__).parent / "servers" / name).read_text()
-    for word, value in values.items():
-        text = text.replace(f"@{word}@", str(value))
-    return text
+from harness import flat, template, wait_for
 
 
 class Server:
-    """A server process that can be stopped and started again; `ready` tells when it answers."""
+    """A server process that can be stopped and started again. Its kind gives shell commands, in which $port is the
+    server's port and $HOME its directory, and a file of servers/ that is its configuration."""
 
-    def __init__(self, name, user=None):
-        self.name, self.user, self.port, self.process = name, user, free_port(), None
-        self.directory = Path(tempfile.mkdtemp(prefix=f"tarn-{name}-"))
-        if user:
-            os.chown(self.directory, pwd.getpwnam(user).pw_uid, -1)
+    user = None
+    config = None
+    # Run once, before the first start.
+    before = ":"
+    command = None
+    # Succeeds once the server answers.
+    ready = ": </dev/tcp/127.0.0.1/$port"
+    # Sends the requests that it reads from standard input and prints the answers.
+    client = "exec 3<>/dev/tcp/127.0.0.1/$port; (cat; printf 'quit\\r\\n') >&3; cat <&3"
+
+    def __init__(self, options="", **values):
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.options, self.port = options, probe.getsockname()[1]
+        self.directory = Path(tempfile.mkdtemp(prefix="tarn-server-"))
         self.directory.chmod(0o755)
-        self.prepare()
+        if self.config:
+            text = template(self.config, directory=self.directory, port=self.port, **values)
+            (self.directory / self.config).write_text(text)
+        if self.user:
+            shutil.chown(self.directory, self.user)
+        self.run(self.before)
         self.start()
 
-    def prepare(self):
-        pass
+    def shell(self, command):
+        return {"args": ["bash", "-ec", command], "user": self.user, "cwd": self.directory,
+                "env": {**os.environ, "HOME": str(self.directory), "port": str(self.port)}}
 
-    def configure(self, name, **values):
-        """Writes a configuration file with the places and ports of this server."""
-        (self.directory / name).write_text(template(name, directory=self.directory, port=self.port, **values))
-
-    def ready(self):
-        return answers(self.port)
+    def run(self, command, text=""):
+        """The standard output of a command that must succeed."""
+        done = subprocess.run(**self.shell(command), input=text.encode(), capture_output=True, check=False)
+        assert done.returncode == 0, f"{command}: {done.stdout.decode()[-1000:]} {done.stderr.decode()[-1000:]}"
+        return done.stdout.decode()
 
     def start(self):
         with open(self.directory / "output", "a") as output:
-            self.process = subprocess.Popen([str(word) for word in self.command()], user=self.user, stdout=output,
-                                            stderr=output, stdin=subprocess.DEVNULL, cwd=self.directory,
-                                            start_new_session=True, env=self.environment())
+            self.process = subprocess.Popen(**self.shell(f"exec {self.command} {self.options}"), stdout=output,
+                                            stderr=output, stdin=subprocess.DEVNULL, start_new_session=True)
+        ready = self.shell(self.ready)
         try:
-            wait_for(self.ready, 60, 0.1)
+            wait_for(lambda: subprocess.run(**ready, capture_output=True, check=False).returncode == 0, 60, 0.1)
         except AssertionError as error:
-            raise AssertionError(f"{self.name}: " + (self.directory / "output").read_text()[-2000:]) from error
+            raise AssertionError(f"{self.command}: " + (self.directory / "output").read_text()[-2000:]) from error
 
-    def environment(self):
-        return {**os.environ, "HOME": str(self.directory)}
+    def ask(self, text):
+        return self.run(self.client, text)
 
     def stop(self):
         self.process.terminate()
-        try:
-            self.process.wait(20)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
+        self.process.wait(60)
 
     def close(self):
         self.stop()
         shutil.rmtree(self.directory, ignore_errors=True)
 
 
-def run(*command, **options):
-    """The standard output of a command that must succeed."""
-    done = subprocess.run([str(word) for word in command], check=False, capture_output=True, **options)
-    assert done.returncode == 0, f"{command}: {done.stdout.decode()[-1000:]} {done.stderr.decode()[-1000:]}"
-    return done.stdout
-
-
 class Redis(Server):
-    def __init__(self, *options):
-        self.options = options
-        super().__init__("redis")
-
-    def command(self):
-        return ["redis-server", "--port", self.port, "--bind", "127.0.0.1", "--dir", self.directory, *self.options]
-
-    def ask(self, request, password=None):
-        """Sends inline commands and returns the bytes that come back within a moment."""
-        with socket.create_connection(("127.0.0.1", self.port)) as peer:
-            if password:
-                peer.sendall(f"AUTH {password}\r\n".encode())
-                peer.recv(100)
-            peer.sendall(request.encode())
-            return peer.recv(4096)
-
-    def ready(self):
-        return super().ready() and b"LOADING" not in self.ask("ping\r\n")
+    command = "redis-server --port $port --bind 127.0.0.1"
 
 
 class MariaDb(Server):
-    """Its temporary files bear its pid, which servers in several pid namespaces share: they lie in its own directory."""
+    """Its temporary files, named by a pid that servers in other namespaces may have, too, lie in its directory."""
 
-    def __init__(self):
-        super().__init__("mariadb", "mysql")
-
-    def prepare(self):
-        run("mariadb-install-db", "--no-defaults", f"--datadir={self.directory}/data", "--user=mysql",
-            f"--tmpdir={self.directory}", "--auth-root-authentication-method=normal", user=self.user)
-
-    @property
-    def path(self):
-        return self.directory / "socket"
-
-    def command(self):
-        return ["mariadbd", "--no-defaults", f"--datadir={self.directory}/data", f"--port={self.port}",
-                f"--socket={self.path}", f"--pid-file={self.directory}/pid", f"--tmpdir={self.directory}"]
-
-    def sql(self, statements):
-        return run("mariadb", "--no-defaults", f"--socket={self.path}", "-uroot", "-N", "-B", "-e", statements).decode()
-
-    def start(self):
-        super().start()
-        self.sql("create user if not exists tarn identified by 'pw'; create database if not exists d;"
-                 "drop user if exists ''@localhost; grant process, replication client, slave monitor on *.* to tarn;"
-                 "create table if not exists d.t (n int) engine=innodb")
+    user = "mysql"
+    before = ("mariadb-install-db --no-defaults --datadir=$HOME/data --user=mysql --tmpdir=$HOME "
+              "--auth-root-authentication-method=normal")
+    command = ("mariadbd --no-defaults --datadir=$HOME/data --port=$port --socket=$HOME/socket --pid-file=$HOME/pid "
+               "--tmpdir=$HOME")
+    client = "mariadb --no-defaults --socket=$HOME/socket -uroot"
+    ready = client + """ -e "create user if not exists tarn identified by 'pw'; drop user if exists ''@localhost;
+        grant process, replication client, slave monitor on *.* to tarn; create database if not exists d;
+        create table if not exists d.t (n int) engine=innodb" """
 
 
 class Postgres(Server):
-    BIN = Path("/usr/lib/postgresql/15/bin")
-
-    def __init__(self):
-        super().__init__("postgres", "postgres")
-
-    def prepare(self):
-        (self.directory / "pw").write_text("pw\n")
-        run(self.BIN / "initdb", "-D", self.directory / "data", "-U", "tarn", "--auth=scram-sha-256",
-            f"--pwfile={self.directory}/pw", user=self.user)
-
-    def command(self):
-        return [self.BIN / "postgres", "-D", self.directory / "data", "-p", self.port, "-k", self.directory,
-                "-c", "listen_addresses=127.0.0.1", "-c", "autovacuum=off", "-c", "fsync=off"]
-
-    def ready(self):
-        return subprocess.run([self.BIN / "pg_isready", "-q", "-h", "127.0.0.1", "-p", str(self.port)],
-                              check=False).returncode == 0
-
-    def sql(self, *statements):
-        words = [word for statement in statements for word in ("-c", statement)]
-        return run("psql", "-h", "127.0.0.1", "-p", self.port, "-U", "tarn", "-At", "postgres", *words,
-                   env={**os.environ, "PGPASSWORD": "pw"}).decode()
+    user = "postgres"
+    before = "/usr/lib/postgresql/15/bin/initdb -D data -U tarn --auth=scram-sha-256 --pwfile=<(echo pw)"
+    command = ("/usr/lib/postgresql/15/bin/postgres -D data -p $port -k $HOME -c listen_addresses=127.0.0.1 "
+               "-c autovacuum=off -c fsync=off")
+    ready = "pg_isready -q -h 127.0.0.1 -p $port"
+    client = "psql -q postgresql://tarn:pw@127.0.0.1:$port/postgres"
 
 
 class Memcached(Server):
-    def __init__(self, path=None):
-        self.path = path
-        super().__init__("memcached")
+    command = "memcached -u root -l 127.0.0.1 -p $port"
 
-    def command(self):
-        place = ["-s", self.directory / "socket"] if self.path else ["-l", "127.0.0.1", "-p", self.port]
-        return ["memcached", "-u", "root", *place]
 
-    def ready(self):
-        return (self.directory / "socket").exists() if self.path else super().ready()
-
-    def ask(self, request):
-        place = str(self.directory / "socket") if self.path else ("127.0.0.1", self.port)
-        with socket.socket(socket.AF_UNIX if self.path else socket.AF_INET) as peer:
-            peer.connect(place)
-            # A client that closes before it has read every reply loses the commands that are still to come.
-            peer.sendall(request.encode() + b"quit\r\n")
-            while peer.recv(65536):
-                pass
+class LocalMemcached(Server):
+    command = "memcached -u root -s $HOME/socket"
+    ready = "test -S socket"
 
 
 class Beanstalkd(Server):
-    def __init__(self):
-        super().__init__("beanstalkd")
-
-    def command(self):
-        return ["beanstalkd", "-l", "127.0.0.1", "-p", self.port]
-
-    def ask(self, *requests):
-        with socket.create_connection(("127.0.0.1", self.port)) as peer:
-            for request in requests:
-                peer.sendall(request.encode())
-                reply = peer.recv(65536).decode()
-        return reply
+    command = "beanstalkd -l 127.0.0.1 -p $port"
 
 
 class Searchd(Server):
-    def __init__(self):
-        super().__init__("searchd")
-
-    def prepare(self):
-        (self.directory / "documents.tsv").write_text("1\thello world\n2\tgood bye\n")
-        self.configure("sphinx.conf")
-        run("indexer", "-c", self.directory / "sphinx.conf", "--all")
-
-    def command(self):
-        return ["searchd", "-c", self.directory / "sphinx.conf", "--nodetach"]
-
-    def search(self, words):
-        return run("mariadb", "--no-defaults", "-h", "127.0.0.1", "-P", self.port, "-N", "-B", "-e",
-                   f"select id from i where match('{words}')").decode()
-
-
-def http(port, path="/", method="GET", body=None, login=None):
-    """The body of a page; any status is an answer."""
-    request = urllib.request.Request(f"http://127.0.0.1:{port}{path}", method=method,
-                                     data=json.dumps(body).encode() if body is not None else None)
-    if login:
-        request.add_header("Authorization", "Basic " + base64.b64encode(login.encode()).decode())
-    try:
-        with urllib.request.urlopen(request, timeout=10) as answer:
-            return answer.read().decode()
-    except urllib.error.HTTPError as error:
-        return error.read().decode()
+    config = "sphinx.conf"
+    before = r"printf '1\thello world\n2\tgood bye\n' >documents.tsv; indexer -c sphinx.conf --all"
+    command = "searchd -c sphinx.conf --nodetach"
+    client = "mariadb --no-defaults -h 127.0.0.1 -P $port"
 
 
 class PhpFpm(Server):
     """Two pools, one on TCP and one on a Unix socket; "/sleep.php" keeps a child busy."""
 
-    def __init__(self):
-        super().__init__("php-fpm")
-
-    def prepare(self):
-        (self.directory / "sleep.php").write_text("<?php sleep(4);")
-        self.configure("fpm.conf")
-
-    def command(self):
-        return ["php-fpm8.2", "-F", "-n", "-y", self.directory / "fpm.conf"]
+    config = "fpm.conf"
+    before = "echo '<?php sleep(4);' >sleep.php"
+    command = "php-fpm8.2 -F -n -y $HOME/fpm.conf"
 
 
 class Nginx(Server):
     """A stub status page, open and behind a password, and PHP."""
 
-    def __init__(self, php):
-        self.php = php
-        super().__init__("nginx")
-
-    def prepare(self):
-        password = run("openssl", "passwd", "-apr1", "pw").decode().strip()
-        (self.directory / "users").write_text(f"tarn:{password}\n")
-        self.configure("nginx.conf", php_port=self.php.port, php_directory=self.php.directory)
-
-    def command(self):
-        return ["nginx", "-c", self.directory / "nginx.conf", "-e", self.directory / "log"]
+    config = "nginx.conf"
+    before = "echo tarn:$(openssl passwd -apr1 pw) >users"
+    command = "nginx -c $HOME/nginx.conf -e $HOME/log"
 
 
 class Apache(Server):
-    def __init__(self):
-        super().__init__("apache")
-
-    def prepare(self):
-        (self.directory / "html").mkdir()
-        (self.directory / "html/index.html").write_text("hello")
-        self.configure("httpd.conf")
-
-    def command(self):
-        return ["apache2", "-f", self.directory / "httpd.conf", "-DFOREGROUND"]
+    config = "httpd.conf"
+    before = "mkdir html; echo hello >html/index.html"
+    command = "apache2 -f $HOME/httpd.conf -DFOREGROUND"
 
 
 class RabbitMq(Server):
     """A broker with its management plugin; `port` is that of the API."""
 
-    def __init__(self):
-        super().__init__("rabbitmq", "rabbitmq")
+    user = "rabbitmq"
+    config = "rabbitmq.conf"
+    before = "echo '[rabbitmq_management].' >plugins"
+    command = ("env RABBITMQ_NODENAME=tarn@localhost RABBITMQ_LOG_BASE=$HOME RABBITMQ_MNESIA_BASE=$HOME "
+               "RABBITMQ_CONFIG_FILE=$HOME/rabbitmq.conf RABBITMQ_ENABLED_PLUGINS_FILE=$HOME/plugins "
+               "/usr/lib/rabbitmq/bin/rabbitmq-server")
+    ready = r"""exec 3<>/dev/tcp/127.0.0.1/$port
+        printf 'GET /api/nodes HTTP/1.0\r\nAuthorization: Basic Z3Vlc3Q6Z3Vlc3Q=\r\n\r\n' >&3; grep -q running <&3"""
 
-    def prepare(self):
-        (self.directory / "enabled_plugins").write_text("[rabbitmq_management].\n")
-        self.configure("rabbitmq.conf", amqp_port=free_port())
 
-    def environment(self):
-        return {**super().environment(), "RABBITMQ_NODENAME": "tarn@localhost", "RABBITMQ_LOG_BASE": str(self.directory),
-                "RABBITMQ_MNESIA_BASE": str(self.directory), "RABBITMQ_DIST_PORT": str(free_port()),
-                "RABBITMQ_CONFIG_FILE": str(self.directory / "rabbitmq.conf"),
-                "RABBITMQ_ENABLED_PLUGINS_FILE": str(self.directory / "enabled_plugins")}
+class Docker(Server):
+    """The engine, with a busybox image; its client reads commands for a shell."""
 
-    def command(self):
-        return ["/usr/lib/rabbitmq/bin/rabbitmq-server"]
+    before = "mkdir -p root/bin; cp /bin/busybox root/bin/sh; cp /bin/busybox root/bin"
+    command = ("dockerd --iptables=false --ip6tables=false --storage-driver=vfs -H unix:///run/docker.sock "
+               "--data-root $HOME/data --exec-root $HOME/exec --pidfile $HOME/pid")
+    client = "DOCKER_HOST=unix:///run/docker.sock sh -e"
+    ready = client + " -c 'docker info; docker image inspect box || tar -C root -c . | docker import - box'"
 
-    def ready(self):
-        return super().ready() and "running" in http(self.port, "/api/nodes", login="guest:guest")
 
-    def api(self, path, method, body):
-        return http(self.port, path, method, body, "guest:guest")
-
-    def close(self):
-        super().close()
-        subprocess.run(["epmd", "-kill"], check=False, capture_output=True)
+def check_restarts(collector, count, taken, kept):
+    """Of so many elements, a server that is stopped takes those in `taken` with it, and nothing else; those in `kept`
+    stay, with a rate of 0. All is as before once the server is started again."""
+    def elements_where(condition):
+        return set(flat(collector.report_where(lambda report: condition(flat(report)))))
+    everything = elements_where(lambda found: len(found) == count)
+    for server, own in taken.items():
+        server.stop()
+        assert set(flat(collector.reports_of_now()[-1])) == everything - own
+        server.start()
+        elements_where(lambda found: set(found) == everything)
+    for server, (key, rate) in kept.items():
+        server.stop()
+        assert elements_where(lambda found: found[key][rate] == 0) == everything
+        server.start()
+        elements_where(lambda found: found[key][rate] > 0)

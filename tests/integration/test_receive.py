@@ -9,7 +9,7 @@ import time
 import bson
 import pytest
 
-from tarn_host import BUILD, Agent, Running, wait_for
+from harness import BUILD, Agent, Running, wait_for
 
 PACKET = bson.BSON.encode({"id": 9})
 

@@ -1,50 +1,53 @@
 """User scripts: run as their user beside the agent, within their time, whatever they do."""
 
+import contextlib
 import ctypes
+import fcntl
 import os
+import pty
+import re
 import shutil
 import signal
 import subprocess
 import tempfile
+import termios
 import threading
 import time
 from pathlib import Path
 
 import pytest
 
-from tarn_host import Agent, Collector, children, shm_keys, wait_for
+from harness import PID_FILE, Agent, Collector, children, drawn_second, libc, shm_blocks, through, wait_for
 
 KEY = 7
-libc = ctypes.CDLL(None, use_errno=True)
+libc.shmat.restype = ctypes.c_void_p
 
 
-def scripts_agent(tmp_path, collector, lines, *options, **popen):
-    return Agent(tmp_path, collector.config("".join(line + "\n" for line in lines)), *options, **popen)
+@contextlib.contextmanager
+def running(directory, *scripts, more="", options=(), **popen):
+    """A collector and an agent with these scripts, all of report "a"."""
+    with Collector() as collector:
+        config = collector.config("".join(f"custom a {script}\n" for script in scripts) + more)
+        with Agent(directory, config, *options, **popen) as agent:
+            yield collector, agent
 
 
-def first_with(collector, name, most=10):
+def first_with(collector, name):
     """The script's element of the first report that holds it."""
-    for _ in range(most):
-        custom = collector.report()["custom"]
-        if name in custom:
-            return custom[name]
-    raise AssertionError(f"{name} never came")
+    return collector.report_where(lambda report: name in report["custom"])["custom"][name]
 
 
 def test_slow_and_flooding_scripts_delay_nobody(tmp_path):
-    lines = ["custom a slow interval=1 timeout=1 exec sleep 3600",
-             "custom a flood interval=1 timeout=1 yes",
-             "custom a closer interval=1 timeout=1 echo 1; exec >&-; sleep 30",
-             "custom a answer interval=1 timeout=1 echo 42; echo 'Disk almost full'; printf 'b\\377d'",
-             "custom a silent interval=1 true",
-             "custom a absent interval=1 /no/such/thing",
-             "server_status  true"]
-    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+    lines = ["slow interval=1 timeout=1 exec sleep 3600", "flood interval=1 timeout=1 yes",
+             "closer interval=1 timeout=1 echo 1; exec >&-; sleep 30",
+             "drip interval=1 timeout=1 while printf 1; do sleep 0.4; done",
+             "answer interval=1 timeout=1 echo 42; echo 'Disk almost full'; printf 'b\\377d'",
+             "silent interval=1 true", "absent interval=1 /no/such/thing"]
+    with running(tmp_path, *lines, more="server_status  true\n") as (collector, agent):
         reports = collector.reports(8)
         child = children(agent.pid)[0]
         # The descriptors that it was started with, and not one for a script that is over; no zombies.
-        assert len(list(Path(f"/proc/{child}/fd").iterdir())) <= 4
-        assert len(children(child)) <= 1
+        assert len(list(Path(f"/proc/{child}/fd").iterdir())) <= 4 and len(children(child)) <= 1
         status, seconds = agent.stop()
         assert status == 0 and seconds < 2
     times = [report["time"] for report in reports]
@@ -56,10 +59,8 @@ def test_slow_and_flooding_scripts_delay_nobody(tmp_path):
     assert custom["general_server_status"] == {"report": "general", "name": "server_status", "interval": 1,
                                                "value": 0.0, "type": 11001, "alerts": []}
     assert set(custom) == {"a_answer", "a_flood", "general_server_status"}
-    assert "EROROR! Custom script running too long (1 sec), killed\n" in agent.text
-    assert "EROROR! Custom script has returned an empty string, killed\n" in agent.text
-    assert "Killing child...\n" in agent.text
-    assert KEY not in shm_keys()
+    agent.has_said("EROROR! Custom script running too long (1 sec), killed\n",
+                   "EROROR! Custom script has returned an empty string, killed\n", "Killing child...\n")
     assert not Path(f"/proc/{child}").exists()
 
 
@@ -68,27 +69,27 @@ def test_a_script_is_its_user_for_good_and_inherits_nothing(tmp_path, shell):
     probe = Path(tempfile.mkdtemp()) / "probe"  # pytest's own directory is closed to other users
     shutil.copy(Path(__file__).parent / "servers/probe", probe)
     probe.parent.chmod(0o755)
-    command = ["unshare", "-m", "sh", "-c", f'mount --bind /bin/{shell} $(readlink -f /bin/sh) && exec "$@"', "sh"]
+    command = ["unshare", "-m", *through(f'mount --bind /bin/{shell} $(readlink -f /bin/sh) && exec "$@"')]
     os.set_inheritable(leaked := os.open("/etc/passwd", os.O_RDONLY), True)
-    with Collector() as collector, scripts_agent(tmp_path, collector, [f"custom a b interval=1 . {probe}"],
-                                                 command=command, close_fds=False, extra_groups=[1, 2]):
+    master, terminal = pty.openpty()
+    with running(tmp_path, f"b interval=1 . {probe}", command=command, close_fds=False, extra_groups=[1, 2],
+                 preexec_fn=lambda: fcntl.ioctl(terminal, termios.TIOCSCTTY)) as (collector, _):
         result = first_with(collector, "a_b")
-    os.close(leaked)
+    for fd in (leaked, master, terminal):
+        os.close(fd)
     shutil.rmtree(probe.parent)
     assert result["value"] == 65534.0
-    groups, refused, descriptors, standard_input, signals, name = result["alerts"]
-    assert groups == "0"
+    groups, refused, descriptors, standard_input, signals, name, tty = result["alerts"]
     assert "PermissionError" in refused
-    assert (descriptors, standard_input) == ("4", "/dev/null")
+    assert (groups, descriptors, standard_input, tty) == ("0", "4", "/dev/null", "none")
     for mask in signals.split():
         assert int(mask, 16) & 0x7FFFFFFF == 0  # above are two that the C library keeps for itself
     assert name == shell.replace("dash", "sh")
 
 
 def test_any_number_but_minus_one_is_a_user(tmp_path):
-    lines = [f"custom a u{uid} interval=1 uid={uid} id -u" for uid in (-1, 4242, 4294967294, 4294967295, 0)]
-    lines.append("custom a status type=11001 interval=1 uid=-1 echo 1")
-    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+    lines = [f"u{uid} interval=1 uid={uid} id -u" for uid in (-1, 4242, 4294967294, 4294967295, 0)]
+    with running(tmp_path, *lines, "status type=11001 interval=1 uid=-1 echo 1") as (collector, agent):
         first_with(collector, "a_u0")
         values = {name: item["value"] for name, item in collector.report()["custom"].items()}
         assert values == {"a_u4242": 4242.0, "a_u4294967294": 4294967294.0, "a_u0": 0.0}
@@ -97,11 +98,10 @@ def test_any_number_but_minus_one_is_a_user(tmp_path):
 
 @pytest.mark.parametrize("place", ["file", "pipe"])
 def test_standard_error_of_a_script_goes_into_no_file(tmp_path, place):
-    command = ["sh", "-c", f'exec "$@" 2>{tmp_path}/errors', "sh"] if place == "file" else ()
-    line = "custom a b interval=1 uid=0 readlink /proc/self/fd/2; readlink /proc/self/fd/2 >&2"
-    with Collector() as collector, scripts_agent(tmp_path, collector, [line], command=command) as agent:
+    command = through(f'exec "$@" 2>{tmp_path}/errors') if place == "file" else ()
+    line = "b interval=1 uid=0 readlink /proc/self/fd/2; readlink /proc/self/fd/2 >&2"
+    with running(tmp_path, line, command=command) as (collector, agent):
         first_with(collector, "a_b")
-        agent.stop()
     if place == "file":
         assert (tmp_path / "errors").read_text() == ""
     else:
@@ -109,19 +109,17 @@ def test_standard_error_of_a_script_goes_into_no_file(tmp_path, place):
 
 
 def test_periods_and_differences_over_six_cycles(tmp_path):
-    tmp_path.chmod(0o777)
-    count = 'n=$(cat {0} 2>/dev/null || echo 0); n=$((n + 5)); echo $n >{0}; echo $n'
-    lines = [f"custom a one interval=1 uid=0 {count.format(tmp_path / 'one')}",
-             f"custom a two interval=2 uid=0 {count.format(tmp_path / 'two')}",
-             f"custom a three interval=3 incremental uid=0 {count.format(tmp_path / 'three')}"]
-    with Collector() as collector, scripts_agent(tmp_path, collector, lines, "--debug") as agent:
+    count = f"n=$(cat {tmp_path}/{{0}} || echo 0); n=$((n + 5)); echo $n >{tmp_path}/{{0}}; echo $n"
+    lines = [f"{name} interval={interval} uid=0 {count.format(name)}"
+             for name, interval in (("one", "1"), ("two", "2"), ("three", "3 incremental"))]
+    with running(tmp_path, *lines, options=["--debug"]) as (collector, agent):
         seen = {}
         while len(seen) < 7:
-            custom = {name: item["value"] for name, item in dict(collector.report()["custom"]).items()}
+            custom = {name: item["value"] for name, item in collector.report()["custom"].items()}
             if custom:
                 seen[int(custom["a_one"]) // 5 - 1] = custom
-        agent.wait_text("Customs loop iteration done at ")
-        assert KEY in shm_keys()
+        blocks = shm_blocks()
+        assert blocks[KEY]["attached"] <= 2 and blocks[KEY + 1]["attached"] <= 2
     for cycle, values in seen.items():
         expected = {"a_one": 5.0 * (cycle + 1)}
         if cycle % 2 == 0:
@@ -129,26 +127,28 @@ def test_periods_and_differences_over_six_cycles(tmp_path):
         if cycle % 3 == 0 and cycle > 0:
             expected["a_three"] = 5.0
         assert values == expected
-    for text in ("Update counters CHILD: customs iteration=0...\n", "done(isUpdated = 3)\n",
-                 "Calc delta CHILD: customs... done\n", "Exiting customs loop\n", "clear shm\n", "Freeing counters: CHILD customs... done\n"):
-        assert text in agent.text
+    agent.has_said("Update counters CHILD: customs iteration=0...\n", "done(isUpdated = 3)\n",
+                   "Calc delta CHILD: customs... done\n", "Customs loop iteration done at ", "Exiting customs loop\n",
+                   "clear shm\n", "Freeing counters: CHILD customs... done\n")
 
 
-def test_a_stale_block_of_another_size_is_replaced(tmp_path):
-    assert libc.shmget(KEY, 100, 0o1600) >= 0
-    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
-        assert first_with(collector, "a_b")["value"] == 5.0
-        assert shm_keys()[KEY] == 2640
-        assert agent.text.count("shmget: ") in (1, 2)  # a block with id 0 is replaced too
-    assert KEY not in shm_keys()
+@pytest.mark.parametrize("interval, period, ages", [(1, 2, (0, 1)), (3, 1, (4, 5, 6))])
+def test_a_result_waits_an_interval_and_is_reported_two_seconds_later(tmp_path, interval, period, ages):
+    """It is reported until there is a newer one. A script that starts late makes it younger."""
+    wait_for(lambda: interval == 1 or drawn_second(time.time(), interval) and drawn_second(time.time() + 1, interval))
+    seconds = {drawn_second(time.time(), interval), drawn_second(time.time() + 1, interval)}
+    with running(tmp_path, f"b interval={period} date +%s", more=f"interval {interval}\n", options=["--debug"]) as (
+            collector, agent):
+        first_with(collector, "a_b")
+        reports = collector.reports(6 if period > 1 else 1)
+    assert min(report["time"] - report["custom"]["a_b"]["value"] for report in reports) in ages
+    assert int(re.search(r"Main loop iteration at (\d+)", agent.text)[1]) % interval in seconds
 
 
 def test_a_block_that_anybody_scribbles_over_harms_nobody(tmp_path):
-    lines = [f"custom a n{n} interval=1 echo {n}; echo alert" for n in range(3)]
-    with Collector() as collector, scripts_agent(tmp_path, collector, lines) as agent:
+    with running(tmp_path, *(f"n{n} interval=1 echo {n}; echo alert" for n in range(3))) as (collector, _):
         first_with(collector, "a_n0")
-        libc.shmat.restype = ctypes.c_void_p
-        size = shm_keys()[KEY]
+        size = shm_blocks()[KEY]["size"]
         address = libc.shmat(libc.shmget(KEY, 0, 0), None, 0)
         done = threading.Event()
 
@@ -156,39 +156,33 @@ def test_a_block_that_anybody_scribbles_over_harms_nobody(tmp_path):
             while not done.is_set():
                 ctypes.memmove(address, os.urandom(size), size)
 
-        scribbler = threading.Thread(target=scribble)
+        scribbler = threading.Thread(target=scribble, daemon=True)
         scribbler.start()
-        reports = collector.reports(4)  # every one of them decodes
-        done.set()
-        scribbler.join()
-        libc.shmdt(ctypes.c_void_p(address))
-        assert len(reports) == 4
-        assert agent.stop()[0] == 0
+        try:
+            collector.reports(4)  # every one of them decodes
+        finally:
+            done.set()
+            scribbler.join()
+            libc.shmdt(ctypes.c_void_p(address))
 
 
-def plant(key, size):
-    """A block as any local user can make one."""
-    made = subprocess.run(["/usr/bin/python3", "-c", "import ctypes, sys; print(ctypes.CDLL(None).shmget("
-                           "int(sys.argv[1]), int(sys.argv[2]), 0o1666))", str(key), str(size)], user=65534, check=True,
-                          capture_output=True)
-    assert int(made.stdout) >= 0
-
-
-@pytest.mark.parametrize("size", [2640, 40000, 99999])
-def test_blocks_that_others_planted_are_replaced(tmp_path, size):
+@pytest.mark.parametrize("user, size", [(0, 100), (65534, 2640), (65534, 40000), (65534, 99999)])
+def test_blocks_that_others_left_or_planted_are_replaced(tmp_path, user, size):
     for key in (KEY, KEY + 1):
-        plant(key, size)
-    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+        subprocess.run(["true"], user=user, check=True, preexec_fn=lambda: libc.shmget(key, size, 0o1666))
+        assert shm_blocks()[key] == {"size": size, "owner": user, "attached": 0}
+    with running(tmp_path, "b interval=1 echo 5") as (collector, agent):
         assert first_with(collector, "a_b")["value"] == 5.0
-        owners = {int(row.split()[0]): row.split()[9] for row in Path("/proc/sysvipc/shm").read_text().splitlines()[1:]}
-        assert owners == {KEY: "0", KEY + 1: "0"}
-        agent.stop()
-    for key in (KEY, KEY + 1):
-        assert f"Removing a shared-memory block of user 65534 under key {key}\n" in agent.text
+        blocks = shm_blocks()
+        assert (blocks[KEY]["size"], blocks[KEY]["owner"], blocks[KEY + 1]["owner"]) == (2640, 0, 0)
+    if user == 0:
+        agent.has_said("shmget: Invalid argument\n")
+    else:
+        agent.has_said(*(f"Removing a shared-memory block of user 65534 under key {key}\n" for key in (KEY, KEY + 1)))
 
 
 def test_a_dead_script_process_is_named_and_started_again(tmp_path):
-    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+    with running(tmp_path, "b interval=1 echo 5") as (collector, agent):
         first_with(collector, "a_b")
         dead = children(agent.pid)[0]
         os.kill(dead, signal.SIGKILL)
@@ -197,14 +191,16 @@ def test_a_dead_script_process_is_named_and_started_again(tmp_path):
         assert first_with(collector, "a_b")["value"] == 5.0
         assert dead not in children(agent.pid) and len(children(agent.pid)) == 1
         status, seconds = agent.stop()
-    assert status == 0 and seconds < 2 and not {KEY, KEY + 1} & set(shm_keys())
+        assert status == 0 and seconds < 2
 
 
 def test_a_script_process_whose_parent_dies_ends_too(tmp_path):
-    with Collector() as collector, scripts_agent(tmp_path, collector, ["custom a b interval=1 echo 5"]) as agent:
+    with running(tmp_path, "b interval=1 echo 5") as (collector, agent):
         first_with(collector, "a_b")
         child = children(agent.pid)[0]
         os.kill(agent.pid, signal.SIGKILL)
+        agent.process.wait()
         wait_for(lambda: not Path(f"/proc/{child}").exists() or "Z" in Path(f"/proc/{child}/stat").read_text())
-        wait_for(lambda: KEY not in shm_keys())
-    Path("/var/run/tarn.pid").unlink()
+        wait_for(lambda: KEY not in shm_blocks())
+    PID_FILE.unlink()
+    libc.shmctl(libc.shmget(KEY + 1, 0, 0), 0, None)  # removes the container table, which no process has

@@ -1,78 +1,55 @@
 """Web servers, PHP-FPM, broker and search: real servers under a known load, scripted ones with exact bytes."""
 
-import socket
 import struct
 import threading
-import time
+import urllib.request
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
-from fake_server import FakeServer, captured, saying, saying_in_turn
-from real_servers import Apache, Nginx, PhpFpm, RabbitMq, http
-from tarn_host import PID_FILE, Agent, Collector, children, shm_keys, wait_for
-
-
-class Web:
-    """The five kinds on real servers, Elasticsearch on scripted ones of two major versions, in one configuration."""
-
-    def __init__(self):
-        self.php, self.apache, self.rabbit = PhpFpm(), Apache(), RabbitMq()
-        self.nginx = Nginx(self.php)
-        self.new, self.old = (
-            FakeServer(saying_in_turn(captured(f"{name}_node.txt"), captured(f"{name}_health.txt")))
-            for name in ("elastic", "elastic2"))
-        self.all = [self.nginx, self.apache, self.php, self.rabbit]
-
-    def config(self):
-        return f"""nginx_open 127.0.0.1:{self.nginx.port}/status localhost
-nginx secret tarn:pw@127.0.0.1:{self.nginx.port}/secret localhost
-nginx_page 127.0.0.1:{self.nginx.port}/nothing localhost
-apache_main 127.0.0.1:{self.apache.port}
-fpm_tcp 127.0.0.1:{self.php.port} /status
-fpm_local unix:{self.php.directory}/socket /status
-rabbit_main guest:guest@127.0.0.1:{self.rabbit.port}
-elastic_new 127.0.0.1:{self.new.port} node-7
-elastic_old 127.0.0.1:{self.old.port} aB3
-"""
+from fake_server import FakeServer, captured, reset
+from harness import Agent, Collector, flat, template
+from real_servers import Apache, Nginx, PhpFpm, RabbitMq, check_restarts
 
 
 @pytest.fixture(scope="module")
 def web():
-    servers = Web()
-    yield servers
-    for server in servers.all:
+    """The five kinds on real servers, Elasticsearch on scripted ones of two major versions."""
+    php = PhpFpm()
+    servers = {"php": php, "nginx": Nginx(php=php), "apache": Apache(), "rabbit": RabbitMq()}
+    new, old = (FakeServer(..., captured(f"{name}_node.txt"), ..., captured(f"{name}_health.txt"))
+                for name in ("elastic", "elastic2"))
+    yield SimpleNamespace(**servers, new=new, config=template("web.conf", **servers, new=new, old=old))
+    for server in servers.values():
         server.close()
 
 
-EVERYTHING = {"Nginx_open", "Nginx_secret", "Nginx_page", "Apache_main", "FPM_tcp", "FPM_local", "Rabbit_main",
-              "Elastic_new", "Elastic_old"}
-
-
-def services(collector):
-    return dict(collector.report(30)["mycustoms"])
+def http(port, path="", method="GET", body=None):
+    headers = {"Authorization": "Basic Z3Vlc3Q6Z3Vlc3Q="}  # of the broker's "guest"
+    request = urllib.request.Request(f"http://127.0.0.1:{port}/{path}", body, headers, method=method)
+    with urllib.request.urlopen(request, timeout=10):
+        pass
 
 
 def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, web):
-    for queue, count in (("a", 3), ("b", 4)):
-        web.rabbit.api(f"/api/queues/%2f/{queue}", "PUT", {})
-        for _ in range(count):
-            web.rabbit.api("/api/exchanges/%2f/amq.default/publish", "POST", {
-                "properties": {}, "routing_key": queue, "payload": "x", "payload_encoding": "string"})
-    with Collector() as collector, Agent(tmp_path, collector.config(web.config())) as agent:
-        for _ in range(3):
-            services(collector)
-        busy = threading.Thread(target=http, args=(web.nginx.port, "/sleep.php"))
+    for queue in "ab":
+        http(web.rabbit.port, f"api/queues/%2f/{queue}", "PUT", b"{}")
+    for queue in b"aaabbbb":
+        http(web.rabbit.port, "api/exchanges/%2f/amq.default/publish", "POST",
+             b'{"properties": {}, "routing_key": "%c", "payload": "x", "payload_encoding": "string"}' % queue)
+    with Collector() as collector, Agent(tmp_path, collector.config(web.config)):
+        collector.reports(3)
+        busy = threading.Thread(target=http, args=(web.nginx.port, "sleep.php"), daemon=True)
         busy.start()
         for _ in range(100):
             http(web.nginx.port)
             http(web.apache.port)
-        reports = [report["mycustoms"] for report in collector.reports_of_now()]
+        reports = [flat(report) for report in collector.reports_of_now()]
         busy.join()
-        wait_for(lambda: services(collector)["Rabbit_main"]["queues_sum_len"] == 7, 30)
-        last = dict(collector.reports_of_now()[-1]["mycustoms"])
-        agent.stop()
-    assert set(last) == EVERYTHING
+        collector.report_where(lambda report: flat(report)["Rabbit_main"]["queues_sum_len"] == 7)
+        last = flat(collector.reports_of_now()[-1])
+    assert len(last) == 9
     # 100 pages and a script, three status pages a second by the agent itself.
     assert sum(report["Nginx_open"]["rps"] for report in reports) == 101 + 3 * len(reports)
     assert sum(report["Apache_main"]["tA"] for report in reports) == 100 + len(reports)
@@ -95,47 +72,25 @@ def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, web):
 
 
 def test_a_server_that_restarts_takes_only_its_own_figures_with_it(tmp_path, web):
-    groups = {web.nginx: ({"Nginx_open", "Nginx_secret", "Nginx_page"}, "NGINX ERRRR :\n"),
-              web.apache: ({"Apache_main"}, "APACHE ERRRR :\n"), web.rabbit: ({"Rabbit_main"}, "rabbit error\n")}
-    with Collector() as collector, Agent(tmp_path, collector.config(web.config())) as agent:
-        wait_for(lambda: set(services(collector)) == EVERYTHING, 20)
-        for server, (own, message) in groups.items():
-            server.stop()
-            assert set(dict(collector.reports_of_now()[-1]["mycustoms"])) == EVERYTHING - own
-            assert message in agent.text
-            server.start()
-            wait_for(lambda: set(services(collector)) == EVERYTHING, 30)
-        # A pool that is gone keeps its last figures, with a rate of 0.
-        web.php.stop()
-        agent.wait_text("error socket bleble tcp: Connection refused\nsend: ")
-        agent.wait_text("fpm socket connect failed: ")
-        assert wait_for(lambda: services(collector)["FPM_tcp"]["accepted"] == 0.0)
-        web.php.start()
-        wait_for(lambda: services(collector)["FPM_tcp"]["accepted"] > 0)
+    taken = {web.nginx: {"Nginx_open", "Nginx_secret", "Nginx_page"}, web.apache: {"Apache_main"},
+             web.rabbit: {"Rabbit_main"}}
+    with Collector() as collector, Agent(tmp_path, collector.config(web.config)) as agent:
+        check_restarts(collector, 9, taken, {web.php: ("FPM_tcp", "accepted")})
         assert len(list(Path(f"/proc/{agent.pid}/fd").iterdir())) < 10
-        assert agent.stop()[0] == 0
-    assert "nginx: could not bind socket or connect whatever: (Connection refused)111\n" in agent.text
+    agent.has_said("NGINX ERRRR :\n", "APACHE ERRRR :\n", "rabbit error\n", "fpm socket connect failed: ",
+                   "nginx: could not bind socket or connect whatever: (Connection refused)111\n",
+                   "error socket bleble tcp: Connection refused\nsend: ")
 
 
 def test_the_requests_byte_for_byte(tmp_path):
-    def fcgi(server, peer, _):
-        server.read(peer)
-        text = b"Content-type: text/plain\r\n\r\naccepted conn: 5\n"
-        for part in struct.pack(">BBHHBB", 1, 6, 1, len(text), 3, 0), text[:20], text[20:] + b"\0\0\0":
-            peer.sendall(part)
-            time.sleep(0.05)
-
-    page = saying(b"HTTP/1.1 200 OK\r\n\r\nActive connections: 7\n")
-    with FakeServer(page) as nginx, FakeServer(page) as apache, FakeServer(fcgi) as fpm, FakeServer(page) as rabbit, \
-            Collector() as collector:
-        config = f"""slashedApache 0
-nginx_a user:{"p" * 60}@127.0.0.1:{nginx.port}/st host.example
-apache_a 127.0.0.1:{apache.port}
-fpm_a 127.0.0.1:{fpm.port} /s
-rabbit_a u:@127.0.0.1:{rabbit.port}
-"""
+    page = b"HTTP/1.1 200 OK\r\n\r\nActive connections: 7\n"
+    text = b"Content-type: text/plain\r\n\r\naccepted conn: 5\n"
+    header = struct.pack(">BBHHBB", 1, 6, 1, len(text), 3, 0)
+    with FakeServer(..., page) as nginx, FakeServer(..., page) as apache, FakeServer(..., page) as rabbit, \
+            FakeServer(..., header, 0.05, text[:20], 0.05, text[20:] + b"\0\0\0") as fpm, Collector() as collector:
+        config = template("requests.conf", nginx=nginx, apache=apache, fpm=fpm, rabbit=rabbit)
         with Agent(tmp_path, collector.config(config)):
-            last = [services(collector) for _ in range(3)][-1]
+            last = flat(collector.reports(2)[-1])
     assert set(last) == {"Nginx_a", "Apache_a", "FPM_a"} and last["Nginx_a"]["active"] == 7
     head, rest = nginx.requests[0].split(b"Basic ")
     assert head == b"GET /st  HTTP/1.1\r\nHost:host.example\r\nUser-Agent: tarn-client 0.6.3\r\nAuthorization: "
@@ -150,14 +105,10 @@ rabbit_a u:@127.0.0.1:{rabbit.port}
 
 
 def test_a_reset_in_the_middle_of_fastcgi_ends_the_agent(tmp_path):
-    def reset(server, peer, _):
-        server.read(peer)
-        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-
-    with FakeServer(reset) as peer, Collector() as collector:
-        config = collector.config(f"fpm_a 127.0.0.1:{peer.port} /s\ncustom a b interval=1 echo 1\n")
+    with FakeServer(..., reset) as peer:
+        config = f"id 7\ninterval 1\nfpm_a 127.0.0.1:{peer.port} /s\ncustom a b interval=1 echo 1\n"
         with Agent(tmp_path, config) as agent:
-            child = wait_for(lambda: children(agent.pid))[0]
             assert agent.process.wait(10) == 1
-            assert not Path(f"/proc/{child}").exists() and not PID_FILE.exists() and shm_keys() == {}
+            agent.reader.join(5)  # the script process has let go of the output, too
+            assert not agent.reader.is_alive()
     assert "recv: Connection reset by peer\n" in agent.text

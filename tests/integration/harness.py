@@ -1,48 +1,51 @@
 """What the tests of the running agent share: a process, a collector, a faked host."""
 
+import contextlib
+import ctypes
 import hashlib
 import os
+import re
 import select
 import signal
 import socket
-import struct
 import subprocess
 import threading
 import time
 from pathlib import Path
 
 import bson
-from bson.int64 import Int64
 
 BUILD = Path(os.environ.get("TARN_BUILD", Path(__file__).parents[2] / "build-dev"))
 PID_FILE = Path("/var/run/tarn.pid")
+libc = ctypes.CDLL(None)
 os.environ["LSAN_OPTIONS"] = f"print_suppressions=0:suppressions={Path(__file__).parent}/lsan.supp"
 
 
-def golden(name):
-    """A kept text that is expected byte for byte."""
-    return (Path(__file__).parent / "golden" / name).read_text()
+def template(name, folder="servers", **values):
+    """A text kept beside the tests, its "@word@"s and "@word.attribute@"s replaced."""
+    def value(found):
+        return str(getattr(values[found[1]], found[2]) if found[2] else values[found[1]])
+    return re.sub(r"@(\w+)\.?(\w*)@", value, (Path(__file__).parent / folder / name).read_text())
 
 
 def wait_for(condition, seconds=15, step=0.02):
     """Polls until the condition holds and returns its value; fails after `seconds`."""
     end = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         assert time.monotonic() < end, f"gave up after {seconds} s"
         time.sleep(step)
+    return value
 
 
 class Running:
-    """A process whose output, both streams of it, is collected as it comes."""
+    """A process whose output, both streams of it, is collected as it comes. At the end of its block it is stopped and
+    must end with status 0, unless the block waited for its end; a failure shows its status and output."""
 
     def __init__(self, args, **options):
         self.process = subprocess.Popen(
             [str(a) for a in args], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, start_new_session=True, **options)
-        self.text = ""
+        self.pid, self.text = self.process.pid, ""
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
@@ -50,13 +53,13 @@ class Running:
         while chunk := os.read(self.process.stdout.fileno(), 65536):
             self.text += chunk.decode("utf-8", "replace")
 
-    @property
-    def pid(self):
-        return self.process.pid
+    def wait_text(self, *texts, seconds=15):
+        wait_for(lambda: all(text in self.text for text in texts) or self.process.poll() is not None, seconds)
+        self.has_said(*texts)
 
-    def wait_text(self, text, seconds=15):
-        wait_for(lambda: text in self.text or self.process.poll() is not None, seconds)
-        assert text in self.text, self.text
+    def has_said(self, *texts):
+        missing = [text for text in texts if text not in self.text]
+        assert not missing, f"{missing} is not in\n{self.text}"
 
     def stop(self, signum=signal.SIGTERM, seconds=5):
         """Signals the whole group and waits for the process; returns (status, seconds that it took). Its children
@@ -69,18 +72,20 @@ class Running:
         finally:
             took = time.monotonic() - start
             self.reader.join(3)
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.killpg(self.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
         self.reader.join(5)
         return status, took
 
     def __enter__(self):
         return self
 
-    def __exit__(self, *_):
-        self.stop()
+    def __exit__(self, error, *_):
+        waited_for = self.process.returncode is not None
+        state = "running" if self.process.poll() is None else f"ended with status {self.process.returncode}"
+        print(f"{self.process.args}: {state}\n{self.text[-4000:]}")
+        status, _ = self.stop(seconds=20)
+        assert error or waited_for or status == 0, f"status {status}\n{self.text}"
 
 
 class Agent(Running):
@@ -88,44 +93,24 @@ class Agent(Running):
 
     def __init__(self, directory, config, *options, command=(), **popen):
         path = Path(directory) / "tarn.conf"
-        path.write_bytes(config if isinstance(config, bytes) else config.encode())
+        path.write_text(config)
         super().__init__([*command, BUILD / "tarn", *options, "--config", path,
                           "--conf-glob", str(directory) + "/extra/*.conf"], **popen)
 
 
-def elements(data):
-    """The elements of a document's bytes, in their order, as (key, value). int64 is told from int32 (Int64). An
-    array whose elements bear names of their own is a mapping, which the library would make a list of."""
-    at = 4
-    while data[at]:
-        kind, end = data[at], data.index(b"\0", at + 1)
-        key, at = data[at + 1:end].decode(), end + 1
-        if kind in (3, 4):
-            length = int.from_bytes(data[at:at + 4], "little")
-            value = dict(elements(data[at:at + length]))
-            if kind == 4 and list(value) == [str(n) for n in range(len(value))]:
-                value = list(value.values())
-        elif kind == 2:
-            length = 4 + int.from_bytes(data[at:at + 4], "little")
-            value = data[at + 4:at + length - 1].decode()
-        else:
-            form, length = {1: ("<d", 8), 10: ("", 0), 16: ("<i", 4), 18: ("<q", 8)}[kind]
-            value = struct.unpack(form, data[at:at + length])[0] if form else None
-            value = Int64(value) if kind == 18 else value
-        at += length
-        yield key, value
+FAMILIES = "memcaches", "beanstalks", "custom", "mysqls", "redises", "mycustoms"
 
 
 def decode(document):
-    """The report as a mapping in its order; the library must be able to read it, too."""
-    assert len(bson.BSON(document).decode()) > 0
-    return dict(elements(document))
+    """The report as a mapping in its order. The elements of its arrays bear names, which a list would drop."""
+    document, arrays = re.subn(b"\x04(%s)\x00" % "|".join(FAMILIES).encode(), b"\x03\\1\x00", document)
+    assert arrays == len(FAMILIES)
+    return bson.decode(document)
 
 
 def flat(report):
-    """Every service's element by its key, whatever its family."""
-    return {key: item for family in ("memcaches", "beanstalks", "mysqls", "redises", "mycustoms")
-            for key, item in dict(report[family]).items()}
+    """Every element of the report's arrays by its key."""
+    return {key: item for family in FAMILIES for key, item in report[family].items()}
 
 
 class Collector:
@@ -139,8 +124,8 @@ class Collector:
             self.socket.listen()
         self.port = self.socket.getsockname()[1]
 
-    def config(self, more=""):
-        return (f"id 7\naddress 127.0.0.1\nport {self.port}\ninterval 1\n" + ("proto tcp\n" if self.tcp else "")
+    def config(self, more="", address="127.0.0.1"):
+        return (f"id 7\naddress {address}\nport {self.port}\ninterval 1\n" + ("proto tcp\n" if self.tcp else "")
                 + (f"secret {self.secret.decode()}\n" if self.secret else "") + more)
 
     def packet(self, seconds=15):
@@ -150,10 +135,7 @@ class Collector:
             return self.socket.recv(65536)
         with self.socket.accept()[0] as sender:
             sender.settimeout(seconds)
-            data = b""
-            while chunk := sender.recv(65536):
-                data += chunk
-            return data
+            return b"".join(iter(lambda: sender.recv(65536), b""))
 
     def report(self, seconds=15):
         """The next report, its frame and signature checked."""
@@ -174,6 +156,13 @@ class Collector:
             reports.append(self.report(30))
         return reports
 
+    def report_where(self, condition, seconds=30):
+        """The first report for which the condition holds."""
+        end = time.monotonic() + seconds
+        while not condition(report := self.report(30)):
+            assert time.monotonic() < end, f"gave up after {seconds} s, the last report was {report}"
+        return report
+
     def __enter__(self):
         return self
 
@@ -188,45 +177,47 @@ class FakeHost:
     PLACES = {
         "stat": "/proc/stat", "loadavg": "/proc/loadavg", "meminfo": "/proc/meminfo", "vmstat": "/proc/vmstat",
         "diskstats": "/proc/diskstats", "file-nr": "/proc/sys/fs/file-nr", "block": "/sys/block",
-        "os-release": "/etc/os-release", "net": "/proc/$$/net", "mounts": "/proc/$$/mounts",
-        "statm": "/proc/$$/statm",
-    }
+        "os-release": "/etc/os-release", "net": "/proc/$$/net", "mounts": "/proc/$$/mounts", "statm": "/proc/$$/statm"}
 
     def __init__(self, directory):
         self.root = Path(directory) / "host"
-        (self.root / "block").mkdir(parents=True)
-        (self.root / "net").mkdir()
+        for folder in ("block", "net"):
+            (self.root / folder).mkdir(parents=True)
 
     def write(self, **files):
         for name, text in files.items():
-            data = text if isinstance(text, bytes) else text.encode()
-            folder = self.root / "net" if name in ("dev", "sockstat") else self.root
-            (folder / name.replace("_", "-")).write_bytes(data)
-
-    def files(self):
-        """Every file that there is."""
-        return [path for path in self.root.rglob("*") if path.is_file() and "block" not in path.parts]
+            folder = "net" if name in ("dev", "sockstat") else "."
+            (self.root / folder / name.replace("_", "-")).write_text(text)
 
     def disk(self, name, removable="0", device=True):
         path = self.root / "block" / name
         path.mkdir()
-        if removable is not None:
-            (path / "removable").write_text(removable + "\n")
+        (path / "removable").write_text(removable + "\n")
         if device:
             (path / "device").symlink_to("../device-of-" + name)
 
     def command(self, before="true"):
         binds = [f"mount --bind {self.root / name} {place}" for name, place in self.PLACES.items()
                  if (self.root / name).exists()]
-        script = " && ".join(["mount --make-rprivate /", *binds, before, 'exec "$@"'])
-        return ["unshare", "-m", "sh", "-c", script, "sh"]
+        return ["unshare", "-m", *through(" && ".join(["mount --make-rprivate /", *binds, before, 'exec "$@"']))]
 
 
-def shm_keys():
-    """The keys of the shared-memory segments that there are, with their sizes."""
-    rows = Path("/proc/sysvipc/shm").read_text().splitlines()[1:]
-    return {int(row.split()[0]): int(row.split()[3]) for row in rows}
+def shm_blocks():
+    """The shared-memory blocks that exist, by their keys."""
+    rows = [row.split() for row in Path("/proc/sysvipc/shm").read_text().splitlines()[1:]]
+    return {int(row[0]): {"size": int(row[3]), "attached": int(row[6]), "owner": int(row[9])} for row in rows}
+
+
+def drawn_second(moment, interval):
+    """The second of the interval that an agent draws which starts at this moment."""
+    libc.srand(int(moment))
+    return libc.rand() % interval
 
 
 def children(pid):
     return [int(p) for p in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+
+
+def through(script):
+    """A command that starts the agent, "$@", by a script."""
+    return ["bash", "-c", script, "bash"]
