@@ -82,6 +82,7 @@ void print_agent_cost() {
     constexpr unsigned warm_up = 4;
     constexpr unsigned seconds = 20;
     const std::string config = "/tmp/tarn-bench-" + std::to_string(::getpid()) + ".conf";
+    std::fflush(stdout);  // else the forked processes print it again
     const pid_t agent = start_agent(config);
     const pid_t floor = start_floor(measured_mounts());
     ::sleep(warm_up);

@@ -9,129 +9,17 @@
 #include <memory>
 #include <string_view>
 
+#include "report_table.h"
+
 namespace {
 
 /// The column in which values begin, unless the key is longer.
 constexpr std::size_t value_column = 24;
 
-struct unit_row {
-    std::string_view section;  ///< top-level element; in "mycustoms" the kind; "" for the top level
-    std::string_view key;
-    std::string_view unit;
-};
-
-/// The units of the figures that have one. A figure not listed is a count, a flag or a text.
-constexpr unit_row units[] = {
-    {"", "interval", "seconds"},
-    {"", "tarn_memory_used", "KiB of memory used by the agent"},
-    {"", "open_files", "open file handles"},
-    {"", "lavg", "processes on average in the last minute"},
-    {"", "ncpu", "CPUs"},
-    {"mem", "free", "kB"},
-    {"mem", "used", "kB"},
-    {"mem", "buffers", "kB"},
-    {"mem", "cached", "kB"},
-    {"mem", "swapfree", "kB"},
-    {"mem", "swapused", "kB"},
-    {"mem", "swapin", "pages per second"},
-    {"mem", "swapout", "pages per second"},
-    {"cpu", "guest", "%"},
-    {"cpu", "idle", "%"},
-    {"cpu", "iowait", "%"},
-    {"cpu", "irq", "%"},
-    {"cpu", "nice", "%"},
-    {"cpu", "softirq", "%"},
-    {"cpu", "steal", "%"},
-    {"cpu", "system", "%"},
-    {"cpu", "user", "%"},
-    {"socket", "tcp_inuse", "TCP sockets in use"},
-    {"socket", "tcp_tw", "TCP sockets in TIME-WAIT"},
-    {"socket", "tcp_orphan", "TCP sockets without a process"},
-    {"socket", "udp_inuse", "UDP sockets in use"},
-    {"mounts", "free", "MiB"},
-    {"mounts", "total", "MiB"},
-    {"mounts", "space_perc", "of the space is free"},
-    {"mounts", "inodes_perc", "of the inodes are free"},
-    {"disks", "rbytes", "reads per second"},
-    {"disks", "wbytes", "writes per second"},
-    {"disks", "rticks", "ms per second reading"},
-    {"disks", "wticks", "ms per second writing"},
-    {"disks", "tticks", "ms per second in I/O"},
-    {"disks", "sread", "sectors read per second"},
-    {"disks", "swrite", "sectors written per second"},
-    {"disks", "avio", "ms per operation"},
-    {"disks", "busy", "% busy"},
-    {"net", "rbytes", "bit/s received"},
-    {"net", "sbytes", "bit/s sent"},
-    {"memcaches", "get", "per minute"},
-    {"memcaches", "set", "per minute"},
-    {"memcaches", "misses", "per minute"},
-    {"memcaches", "hits", "per minute"},
-    {"memcaches", "evictions", "per minute"},
-    {"memcaches", "read", "bytes per minute received"},
-    {"memcaches", "write", "bytes per minute sent"},
-    {"memcaches", "bytes", "bytes"},
-    {"memcaches", "max_bytes", "bytes"},
-    {"beanstalks", "put", "jobs per minute"},
-    {"beanstalks", "cdelete", "jobs per minute"},
-    {"beanstalks", "uptime", "seconds"},
-    {"beanstalks", "connections", "change per minute"},
-    {"custom", "interval", "seconds"},
-    {"mysqls", "insert", "per minute"},
-    {"mysqls", "select", "per minute"},
-    {"mysqls", "update", "per minute"},
-    {"mysqls", "delete", "per minute"},
-    {"mysqls", "aborted", "connects per minute"},
-    {"mysqls", "innodb_pool", "bytes"},
-    {"mysqls", "slow", "per minute"},
-    {"mysqls", "innodb_free", "bytes"},
-    {"mysqls", "innodb_del", "rows per minute"},
-    {"mysqls", "innodb_ins", "rows per minute"},
-    {"mysqls", "innodb_read", "rows per minute"},
-    {"mysqls", "innodb_updated", "rows per minute"},
-    {"mysqls", "behind_master", "seconds"},
-    {"redises", "uptime", "seconds"},
-    {"redises", "total_connections_received", "per minute"},
-    {"redises", "total_commands_processed", "per minute"},
-    {"redises", "keyspace_hits", "per minute"},
-    {"redises", "keyspace_misses", "per minute"},
-    {"redises", "expired_keys", "per minute"},
-    {"redises", "evicted_keys", "per minute"},
-    {"redises", "master_sync_left_bytes", "bytes"},
-    {"redises", "memused", "bytes"},
-    {"Nginx", "rps", "requests per second"},
-    {"Apache", "tA", "requests per second"},
-    {"FPM", "accepted", "connections per second"},
-    {"Rabbit", "disk_free", "GB"},
-    {"Rabbit", "disk_free_limit", "GB"},
-    {"Rabbit", "disk_left", "GB"},
-    {"Rabbit", "mem_used", "MB"},
-    {"Rabbit", "mem_limit", "MB"},
-    {"Rabbit", "mem_left", "MB"},
-    {"Rabbit", "mem_used_perc", "%"},
-    {"Rabbit", "proc_used_perc", "%"},
-    {"Postgre", "cmtd", "per minute"},
-    {"Postgre", "rolbck", "per minute"},
-    {"Postgre", "actv_con", "change per minute"},
-    {"Postgre", "idle_con", "change per minute"},
-    {"Postgre", "i_in_tr_con", "change per minute"},
-    {"Postgre", "lock_con", "change per minute"},
-    {"Postgre", "slo_all", "change per minute"},
-    {"Postgre", "slo_dml", "change per minute"},
-    {"Postgre", "slo_sel", "change per minute"},
-    {"Sphinx", "C", "connections per minute"},
-    {"Sphinx", "C_S", "searches per minute"},
-    {"Sphinx", "C_U", "updates per minute"},
-    {"Sphinx", "Q", "queries per minute"},
-    {"Sphinx", "Q_W", "seconds per minute"},
-    {"docker", "cpu_usage", "% of one CPU"},
-};
-
 std::string_view unit_of(std::string_view section, std::string_view key) {
-    for (const unit_row& row : units) {
-        if (row.section == section && row.key == key) return row.unit;
-    }
-    return {};
+    const report_section* const found = find_section(section);
+    const report_row* const row = found != nullptr ? find_row(*found, key) : nullptr;
+    return row != nullptr ? row->unit : std::string_view{};
 }
 
 bool is_container(const bson_iter_t& element) {

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <span>
+#include <string_view>
+
+/// The types of the report's elements, as BSON names them.
+enum class bson { float64, text, document, array, int32, int64 };
+
+/// How a figure behaves when its source starts again from 0.
+enum class figure_rule {
+    gauge,       ///< it stands for itself
+    percentage,  ///< wraps around in 64 bits; never above 100 otherwise
+    rate,        ///< wraps around in 64 bits
+    rate32       ///< wraps around in 32 bits
+};
+
+/// One element of a section of the report.
+struct report_row {
+    std::string_view key;
+    bson type;
+    std::string_view unit;         ///< printed after the value; empty for a flag, a code, a text
+    std::string_view export_name;  ///< for other systems, with the base unit at its end; empty: not exported
+    double scale;                  ///< factor from the reported unit to that of the exported figure
+    figure_rule rule;
+    std::string_view meaning;  ///< source and rule, in Markdown
+};
+
+/// The elements that a part of the report consists of.
+struct report_section {
+    std::string_view name;         ///< top-level key; of the services in "mycustoms" the kind; "" for the top
+    std::string_view export_name;  ///< what the exported names begin with; empty: nothing is exported
+    std::string_view label;        ///< what the name of an element is called there; empty for a single one
+    std::span<const report_row> rows;
+};
+
+/// All sections, in the order of the report.
+std::span<const report_section> report_sections();
+
+/// The section of this name, or null.
+const report_section* find_section(std::string_view name);
+
+/// The row of a key, or null.
+const report_row* find_row(const report_section& section, std::string_view key);
