@@ -4,10 +4,6 @@
 #include <glob.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <cstdio>
-#include <span>
-
 #include "config/tarn_identity.h"
 #include "config/tarn_kinds.h"
 #include "config/tarn_settings.h"
@@ -20,18 +16,6 @@ namespace {
 /// The most extra files whose paths are kept; further files are still read.
 constexpr std::size_t max_extra_paths = 256;
 
-/// Reads one line of at most 4095 characters. The rest of a longer line is dropped, and so is the text after
-/// a zero byte. False at the end of the file.
-bool read_line(std::FILE& file, std::array<char, 4096>& buffer, std::string_view& line) {
-    if (std::fgets(buffer.data(), static_cast<int>(buffer.size()), &file) == nullptr) return false;
-    line = buffer.data();
-    if (line.size() + 1 == buffer.size() && !line.ends_with('\n')) {
-        for (int c = std::fgetc(&file); c != EOF && c != '\n';)
-            c = std::fgetc(&file);
-    }
-    return true;
-}
-
 /// Anyone who can write to the file can run commands as root.
 void warn_if_writable(const char* path, std::FILE& file) {
     struct stat status {};
@@ -40,23 +24,6 @@ void warn_if_writable(const char* path, std::FILE& file) {
     if (status.st_uid != 0 || by_group || (status.st_mode & S_IWOTH) != 0)
         std::printf("WARNING: others than root can write to config file %s\n", path);
 }
-
-/// Owns the result of glob().
-class glob_result final {
-  public:
-    explicit glob_result(const char* pattern) : found_(::glob(pattern, 0, nullptr, &glob_) == 0) {}
-    ~glob_result() { ::globfree(&glob_); }
-    glob_result(const glob_result&) = delete;
-    glob_result& operator=(const glob_result&) = delete;
-
-    [[nodiscard]] std::span<char* const> paths() const {
-        return found_ ? std::span<char* const>(glob_.gl_pathv, glob_.gl_pathc) : std::span<char* const>();
-    }
-
-  private:
-    glob_t glob_{};
-    bool found_;
-};
 
 /// Reads one configuration file: a key and a value per line, no comments, unknown keys ignored. Returns 1
 /// when the file is missing, a UUID is malformed, or the configuration so far does not identify the server.
@@ -69,7 +36,7 @@ int parse_config_file(const char* path) {
     }
     warn_if_writable(path, *file);
     std::array<char, 4096> buffer{};
-    for (std::string_view raw; read_line(*file, buffer, raw);) {
+    for (std::string_view raw; read_config_line(*file, buffer, raw);) {
         const config_line line = split_config_line(raw);
         if (line.key.empty()) continue;
         const line_result result = apply_setting(line);
@@ -81,14 +48,32 @@ int parse_config_file(const char* path) {
 
 }  // namespace
 
+bool read_config_line(std::FILE& file, std::array<char, 4096>& buffer, std::string_view& line) {
+    if (std::fgets(buffer.data(), static_cast<int>(buffer.size()), &file) == nullptr) return false;
+    line = buffer.data();
+    if (line.size() + 1 == buffer.size() && !line.ends_with('\n')) {
+        for (int c = std::fgetc(&file); c != EOF && c != '\n';)
+            c = std::fgetc(&file);
+    }
+    return true;
+}
+
+std::vector<std::string> extra_config_paths() {
+    glob_t found{};
+    std::vector<std::string> paths;
+    if (::glob(config.extConfigPattern, 0, nullptr, &found) == 0)
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    ::globfree(&found);
+    return paths;
+}
+
 int parse_config() {
     config.id = 0;
     config.extConfigFiles.clear();
     if (const int result = parse_config_file(config.configFile); result != 0) return result;
 
-    const glob_result extra(config.extConfigPattern);
-    for (const char* const path : extra.paths()) {
-        if (const int result = parse_config_file(path); result != 0) return result;
+    for (const std::string& path : extra_config_paths()) {
+        if (const int result = parse_config_file(path.c_str()); result != 0) return result;
         if (config.extConfigFiles.size() < max_extra_paths) config.extConfigFiles.emplace_back(path);
     }
     return 0;

@@ -6,8 +6,6 @@
 #include <cstdio>
 
 #include "customs/tarn_custom.h"
-#include "record/tarn_config.h"
-#include "record/tarn_counter.h"
 #include "services/tarn_apache.h"
 #include "services/tarn_beanstalk.h"
 #include "services/tarn_elastic.h"
@@ -21,9 +19,6 @@
 #include "services/tarn_sphinx.h"
 
 namespace {
-
-/// Returns the configuration text of a counter, given its line.
-using text_extractor = std::string_view (*)(const config_line& line, std::string_view keyword);
 
 std::string_view after_prefix(const config_line& line, std::string_view keyword) {
     return line.after(keyword.size());
@@ -47,37 +42,33 @@ std::string_view status_script(const config_line& line, std::string_view keyword
     return text.data();
 }
 
-struct kind {
-    std::string_view keyword;
-    key_match match;
-    tarn_family (*family)();
-    text_extractor text;
-    const tarn_operations* operations;
-    int tarn_config::*library_flag = nullptr;  ///< set to 1 when such a counter is configured
-};
-
 using enum key_match;
 constexpr auto mysql_on = &tarn_config::mysql_on;
 constexpr auto postgre_on = &tarn_config::postgre_on;
 
-/// The first row that matches handles the line. Settings are matched before kinds.
-constexpr kind kinds[] = {
-    {"custom", prefix, custom_family, after_prefix, &custom_operations},
-    {"server_status", prefix, custom_family, status_script, &custom_operations},
-    {"mysql_", prefix, mysql_family, after_prefix, &mysql_operations, mysql_on},
-    {"memcache", exact, memcache_family, value_word, &memcache_operations},
-    {"beanstalk", exact, beanstalk_family, value_word, &beanstalk_operations},
-    {"redis_", prefix, redis_family, after_prefix, &redis_operations},
-    {"sphinx", prefix, mycustom_family, after_word, &sphinx_operations, mysql_on},
-    {"rabbit", prefix, mycustom_family, after_word, &rabbit_operations},
-    {"elastic", prefix, mycustom_family, after_word, &elastic_operations},
-    {"apache", prefix, mycustom_family, after_word, &apache_operations},
-    {"nginx", prefix, mycustom_family, after_word, &nginx_operations},
-    {"fpm", prefix, mycustom_family, after_word, &fpm_operations},
-    {"postgresql_", prefix, mycustom_family, after_prefix, &postgre_operations, postgre_on},
+constexpr counter_kind kinds[] = {
+    {"custom", prefix, custom_family, after_prefix, &custom_operations,
+     "custom REPORT ID [SETTINGS] COMMAND"},
+    {"server_status", prefix, custom_family, status_script, &custom_operations, "server_status COMMAND"},
+    {"mysql_", prefix, mysql_family, after_prefix, &mysql_operations, "mysql_ID USER:PASSWORD@HOST:PORT",
+     mysql_on},
+    {"memcache", exact, memcache_family, value_word, &memcache_operations, "memcache HOST:PORT"},
+    {"beanstalk", exact, beanstalk_family, value_word, &beanstalk_operations, "beanstalk HOST:PORT"},
+    {"redis_", prefix, redis_family, after_prefix, &redis_operations, "redis_ID USER:PASSWORD@HOST:PORT"},
+    {"sphinx", prefix, mycustom_family, after_word, &sphinx_operations, "sphinx_ID USER:PASSWORD@HOST:PORT",
+     mysql_on},
+    {"rabbit", prefix, mycustom_family, after_word, &rabbit_operations, "rabbit_ID USER:PASSWORD@HOST:PORT"},
+    {"elastic", prefix, mycustom_family, after_word, &elastic_operations, "elastic_ID HOST:PORT NODE"},
+    {"apache", prefix, mycustom_family, after_word, &apache_operations,
+     "apache_ID [USER:PASSWORD@]HOST:PORT"},
+    {"nginx", prefix, mycustom_family, after_word, &nginx_operations,
+     "nginx_ID [USER:PASSWORD@]HOST:PORT/PATH SERVER"},
+    {"fpm", prefix, mycustom_family, after_word, &fpm_operations, "fpm_ID HOST:PORT STATUSPATH"},
+    {"postgresql_", prefix, mycustom_family, after_prefix, &postgre_operations,
+     "postgresql_ID USER:PASSWORD@HOST:PORT", postgre_on},
 };
 
-void register_kind(const kind& row, const config_line& line) {
+void register_kind(const counter_kind& row, const config_line& line) {
     const tarn_family family = row.family();
     if (family.count < family.capacity()) {
         mycustom_register(family, row.text(line, row.keyword), *row.operations);
@@ -90,8 +81,12 @@ void register_kind(const kind& row, const config_line& line) {
 
 }  // namespace
 
+std::span<const counter_kind> counter_kinds() {
+    return kinds;
+}
+
 void register_counter(const config_line& line) {
-    for (const kind& row : kinds) {
+    for (const counter_kind& row : kinds) {
         if (!matches(line.key, row.keyword, row.match)) continue;
         register_kind(row, line);
         return;

@@ -11,8 +11,6 @@
 
 namespace {
 
-using setter = line_result (*)(const config_line& line);
-
 /// A base-10 number that stops at the first non-digit; 0 for a text without digits.
 template <auto Field>
 line_result number(const config_line& line) {
@@ -98,15 +96,8 @@ line_result docker_socket(const config_line& line) {
     return line_result::taken;
 }
 
-struct setting {
-    std::string_view keyword;
-    key_match match;
-    setter apply;
-};
-
-/// The first row that matches handles the line.
 constexpr setting settings[] = {
-    {"id", key_match::exact, server_id},
+    {"id", key_match::exact, server_id, value_form::number},
     {"uuid", key_match::exact, server_uuid},
     {"server_name", key_match::exact, text<&tarn_config::server_name>},
     {"project_name", key_match::exact, text<&tarn_config::project_name>},
@@ -114,24 +105,25 @@ constexpr setting settings[] = {
     {"proto", key_match::exact, transport},
     {"address", key_match::exact, text<&tarn_config::defaultServerIp>},
     {"domain", key_match::exact, text<&tarn_config::serverName>},
-    {"interval", key_match::exact, number<&tarn_config::interval>},
-    {"port", key_match::exact, number<&tarn_config::port>},
+    {"interval", key_match::exact, number<&tarn_config::interval>, value_form::number},
+    {"port", key_match::exact, number<&tarn_config::port>, value_form::number},
     {"nameserver", key_match::exact, list_entry<&tarn_config::dns_servers, &tarn_config::dns_servers_count>},
     {"secret", key_match::exact, secret},
-    {"mysql_connect_to", key_match::exact, number<&tarn_config::mysql_connect_to>},
-    {"mysql_read_to", key_match::exact, number<&tarn_config::mysql_read_to>},
-    {"mysql_write_to", key_match::exact, number<&tarn_config::mysql_write_to>},
-    {"server_tcp_to", key_match::exact, number<&tarn_config::server_tcp_to>},
-    {"counter_tcp_to", key_match::exact, number<&tarn_config::counter_tcp_to>},
+    {"mysql_connect_to", key_match::exact, number<&tarn_config::mysql_connect_to>, value_form::number},
+    {"mysql_read_to", key_match::exact, number<&tarn_config::mysql_read_to>, value_form::number},
+    {"mysql_write_to", key_match::exact, number<&tarn_config::mysql_write_to>, value_form::number},
+    {"server_tcp_to", key_match::exact, number<&tarn_config::server_tcp_to>, value_form::number},
+    {"counter_tcp_to", key_match::exact, number<&tarn_config::counter_tcp_to>, value_form::number},
     {"slow_query_sec", key_match::exact, padded_text<&tarn_config::slow_query_sec>},
-    {"custom_counters_delimiter", key_match::prefix, number<&tarn_config::custom_counters_delimiter>},
-    {"custom_uid", key_match::prefix, default_user},
-    {"custom_gid", key_match::prefix, number<&tarn_config::custom_default_gid>},
+    {"custom_counters_delimiter", key_match::prefix, number<&tarn_config::custom_counters_delimiter>,
+     value_form::number},
+    {"custom_uid", key_match::prefix, default_user, value_form::number},
+    {"custom_gid", key_match::prefix, number<&tarn_config::custom_default_gid>, value_form::number},
     {"mysql_lib", key_match::exact, padded_text<&tarn_config::mysql_lib>},
-    {"slashedApache", key_match::exact, number<&tarn_config::apacheSlashed>},
+    {"slashedApache", key_match::exact, number<&tarn_config::apacheSlashed>, value_form::number},
     {"postgre_lib", key_match::exact, padded_text<&tarn_config::postgre_lib>},
-    {"docker_sock", key_match::exact, docker_socket},
-    {"exclude_tmpfs", key_match::exact, number<&tarn_config::exclude_tmpfs>},
+    {"docker_sock", key_match::exact, docker_socket, value_form::rest_of_line},
+    {"exclude_tmpfs", key_match::exact, number<&tarn_config::exclude_tmpfs>, value_form::number},
     {"exclude_mount", key_match::exact,
      list_entry<&tarn_config::path_exclude_masks, &tarn_config::path_exclude_masks_count>},
     {"exclude_interfaces", key_match::exact,
@@ -139,6 +131,10 @@ constexpr setting settings[] = {
 };
 
 }  // namespace
+
+std::span<const setting> config_settings() {
+    return settings;
+}
 
 line_result apply_setting(const config_line& line) {
     for (const setting& row : settings) {

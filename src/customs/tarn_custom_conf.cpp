@@ -9,6 +9,7 @@
 
 #include "customs/tarn_custom.h"
 #include "record/tarn_config.h"
+#include "record/tarn_reason.h"
 #include "support/tarn_text.h"
 
 namespace {
@@ -53,6 +54,7 @@ std::string take_field(single_blank_words& words) {
 /// The user is given by number. A name would be read as 0, which is root, so the default is kept instead.
 void set_user(tarn_mycustom_counter& cnt, std::string_view value) {
     if (tarn::read_number(value, cnt.uid) > 0) return;
+    tarn::note_reason("uid=%.*s is not a number", static_cast<int>(value.size()), value.data());
     std::printf("uid=%.*s is not a number, the script runs as user %d\n", static_cast<int>(value.size()),
                 value.data(), cnt.uid);
 }

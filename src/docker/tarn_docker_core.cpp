@@ -2,6 +2,7 @@
 // NetworkSettings.IPAddress are used.
 #include "docker/tarn_docker_core.h"
 
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -133,6 +134,18 @@ int docker_init(tarn_docker*& docker) {
     docker_set_socket(table, tarn_docker_default_socket);
     if (!is_left_alone(table)) shared_count(table) = 0;
     trace("shmget() succeeded key = %d\n", key);
+    docker = &table;
+    return 1;
+}
+
+int docker_init_private(tarn_docker*& docker) {
+    static tarn_docker table;
+    const int id = ::shmget(IPC_PRIVATE, sizeof(tarn_docker_t), 0600);
+    table = tarn_docker{};
+    table.block = tarn::attached_block(id);
+    if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);  // freed when this process detaches it
+    if (!table.block) return 0;
+    docker_set_socket(table, tarn_docker_default_socket);
     docker = &table;
     return 1;
 }

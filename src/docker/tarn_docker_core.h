@@ -72,6 +72,10 @@ key_t tarn_docker_key();
 /// no block: the agent then runs without containers.
 int docker_init(tarn_docker*& docker);
 
+/// Sets `docker` to an empty table that no other process can see, so that the addresses of containers can be
+/// asked for beside a running agent. Returns 1; 0, with `docker` null, when there is no shared memory for it.
+int docker_init_private(tarn_docker*& docker);
+
 /// Sets the path of the engine's socket in the shared table.
 void docker_set_socket(tarn_docker& docker, std::string_view path);
 

@@ -91,8 +91,8 @@ std::string request_of(const data_apache& data) {
 }
 
 bool apache_update(data_apache& data) {
-    const auto page =
-        tarn::fetch_status_page("apache", data.host, static_cast<int>(data.port), request_of(data));
+    const auto page = tarn::fetch_status_page("apache", data.host, static_cast<int>(data.port),
+                                              request_of(data), "BusyWorkers");
     const bool parsed = page && apache_parse_res(*page, data) != 0;
     if (!parsed) std::printf("APACHE ERRRR :\n");
     return parsed;

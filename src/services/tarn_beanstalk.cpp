@@ -58,6 +58,7 @@ bool beanstalk_update(data_beanstalk& data) {
     std::array<char, 4096> buffer;
     const auto reply = tarn::ask_once(connection, "stats\r\n", buffer);
     if (!reply) return false;
+    tarn::expect_start(*reply, "OK ");
     beanstalk_parse_stats(*reply, data);
     return true;
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "record/tarn_reason.h"
 #include "services/tarn_http.h"
 #include "services/tarn_service.h"
 #include "support/tarn_json.h"
@@ -108,6 +109,8 @@ bool read_pools(const tarn::stream& connection, data_elastic& data) {
     auto body = tarn::fetch_body("elastic", connection, tarn_elastic_construct_api_request(path),
                                  tarn::answer_deadline(tarn::body_timeouts));
     if (!body) std::printf("[elastic] Response for /_nodes/.../stats/thread_pool is NULL\n");
+    if (body && body->find('"' + std::string(data.node_name) + '"') == std::string::npos)
+        tarn::note_reason("the answer has no node %s", data.node_name);
     return body && elastic_parse_node_items(std::move(*body), data) != 0;
 }
 

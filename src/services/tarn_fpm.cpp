@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "record/tarn_reason.h"
 #include "services/tarn_fcgi.h"
 #include "services/tarn_service.h"
 
@@ -81,8 +82,11 @@ tarn::stream fcgi_connect_sock(std::string_view path) {
 
 void store_record(const fcgi_record& record, data_fpm& data) {
     const std::string_view content = record.content;
-    if (record.header.type == type_standard_output)
-        fpm_parse_res(content.substr(0, content.find('\0')), data);
+    if (record.header.type == type_standard_output) {
+        const std::string_view page = content.substr(0, content.find('\0'));
+        if (!page.empty()) tarn::expect_text(page, "accepted conn");
+        fpm_parse_res(page, data);
+    }
     data.ok = 1;
 }
 
@@ -97,10 +101,14 @@ int fpm_update(tarn_mycustom_counter& counter) {
         if (!host) return 0;
         connection = fcgi_connect(*host, data.port);
     }
-    if (connection) {
-        simple_session_1(connection, data.status_path, tarn::answer_deadline(1),
-                         [&data](const fcgi_record& record) { store_record(record, data); });
-    }
+    if (!connection) return 1;
+    bool has_answered = false;
+    simple_session_1(connection, data.status_path, tarn::answer_deadline(1),
+                     [&data, &has_answered](const fcgi_record& record) {
+                         store_record(record, data);
+                         has_answered = true;
+                     });
+    if (!has_answered) tarn::note_reason("no answer");
     return 1;
 }
 

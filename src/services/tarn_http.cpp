@@ -8,6 +8,8 @@
 #include <span>
 
 #include "record/tarn_budget.h"
+#include "record/tarn_config.h"
+#include "record/tarn_reason.h"
 #include "services/tarn_service.h"
 #include "support/tarn_base64.h"
 
@@ -23,7 +25,10 @@ bool read_steps(const char* kind, const stream& connection, deadline end, std::s
     std::size_t length = 0;
     ssize_t got = 0;
     do {
-        if (end.has_passed()) budget.note_timeout();
+        if (end.has_passed()) {
+            budget.note_timeout();
+            note_timeout(body_timeouts * config.counter_tcp_to);
+        }
         if (length > max_answer || end.has_passed()) return false;
         if (answer.size() < length + step_size) answer.resize(2 * answer.size() + step_size);
         got = receive_reply(connection, std::span(answer).subspan(length, step_size));
@@ -37,6 +42,18 @@ bool read_steps(const char* kind, const stream& connection, deadline end, std::s
     } while (got == static_cast<ssize_t>(step_size));
     answer.resize(length);
     return true;
+}
+
+/// Notes the status of an answer that is not a success, such as "401 Unauthorized".
+void note_status(std::string_view answer) {
+    std::string_view line = answer.substr(0, answer.find_first_of("\r\n"));
+    const bool is_http = line.starts_with("HTTP/");
+    line.remove_prefix(std::min(line.find(' ') + 1, line.size()));
+    if (!is_http) {
+        note_reason("the answer is not HTTP");
+    } else if (!line.starts_with('2')) {
+        note_reason("%.*s", static_cast<int>(line.size()), line.data());
+    }
 }
 
 }  // namespace
@@ -72,13 +89,14 @@ stream connect_http(const char* kind, std::string_view host, int port) {
 }
 
 std::optional<std::string> fetch_status_page(const char* kind, std::string_view host, int port,
-                                             std::string_view request) {
+                                             std::string_view request, std::string_view expected) {
     const stream connection = connect_http(kind, host, port);
     if (!connection) return std::nullopt;
     std::string page(page_size, '\0');
     const auto reply = ask_once(connection, request, page);
     if (!reply) return std::nullopt;
     page.resize(reply->size());
+    expect_text(page, expected);
     return page;
 }
 
@@ -90,6 +108,7 @@ std::optional<std::string> fetch_body(const char* kind, const stream& connection
     }
     std::string answer;
     if (!read_steps(kind, connection, end, answer)) return std::nullopt;
+    note_status(answer);
     const std::size_t header_end = answer.find("\r\n\r\n");
     if (header_end == std::string::npos) return std::nullopt;
     return answer.substr(header_end + 4);

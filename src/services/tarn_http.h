@@ -24,9 +24,9 @@ inline constexpr int body_timeouts = 10;
 stream connect_http(const char* kind, std::string_view host, int port);
 
 /// Fetches a status page: one request, one read of at most 16384 bytes, headers included. Returns nothing
-/// when the exchange fails.
+/// when the exchange fails. A page without the text `expected` is returned, and a reason is noted.
 std::optional<std::string> fetch_status_page(const char* kind, std::string_view host, int port,
-                                             std::string_view request);
+                                             std::string_view request, std::string_view expected);
 
 /// Sends a request and returns the body of the answer. The answer is read in steps of 4096 bytes; a shorter
 /// read ends it. Returns nothing, with a message, when the exchange fails, and nothing for an answer that has

@@ -105,6 +105,7 @@ bool memcache_update(data_memcache& data) {
         std::perror("read() failed");
         return false;
     }
+    tarn::expect_start(*reply, "STAT ");
     memcache_parse_stats(*reply, data);
     return true;
 }

@@ -135,8 +135,11 @@ bool mysql_connect(mysql_connection& connection, const mysql_address& address) {
     // Twice the time-out: once for the first byte, once for the rest.
     const auto timeout = timeout_of(config.mysql_connect_to);
     const socket_deadline deadline(connection.get_deleter().socket, timeout, 2 * timeout);
-    return library.real_connect(connection.get(), host->c_str(), address.user, address.password, nullptr,
-                                address.port, address.socket, 0) != nullptr;
+    const bool is_connected =
+        library.real_connect(connection.get(), host->c_str(), address.user, address.password, nullptr,
+                             address.port, address.socket, 0) != nullptr;
+    if (!is_connected) note_library_error(mysql_error_text(connection));
+    return is_connected;
 }
 
 const char* mysql_error_text(const mysql_connection& connection) {

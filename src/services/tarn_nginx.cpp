@@ -102,7 +102,8 @@ std::string request_of(const data_nginx& data) {
 bool fetch_status(data_nginx& data) {
     const auto host = tarn::service_host("nginx", data.in_docker, data.docker_container_name, data.host);
     if (!host) return false;
-    const auto page = tarn::fetch_status_page("nginx", *host, static_cast<int>(data.port), request_of(data));
+    const auto page = tarn::fetch_status_page("nginx", *host, static_cast<int>(data.port), request_of(data),
+                                              "Active connections");
     return page && nginx_parse_res(*page, data) != 0;
 }
 

@@ -125,6 +125,7 @@ tarn::postgre_connection log_in(const data_postgre& data) {
     if (tarn::postgre_is_connected(connection)) return connection;
     const char* const error =
         host ? tarn::postgre_error_text(connection) : "the look-up of the host took too long";
+    tarn::note_library_error(error);
     if (data.socket[0] != '\0') {
         std::printf("\nFailed to connect to postgres database: %s %s %s Error: %s \n", data.user, "***",
                     data.socket, error);
@@ -209,6 +210,7 @@ int postgre_update(tarn_mycustom_counter& counter) {
     const tarn::socket_deadline deadline(tarn::postgre_socket(connection), limit, limit);
     data.ok = 0;
     data.ok = read_all(connection, data) ? 1 : 0;
+    if (data.ok == 0) tarn::note_library_error(tarn::postgre_error_text(connection));
     return data.ok;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "record/tarn_reason.h"
 #include "services/tarn_service.h"
 
 namespace {
@@ -115,6 +116,7 @@ bool log_in(const tarn::stream& connection, const data_redis& data) {
     const auto reply = tarn::ask_once(connection, command, buffer);
     if (!reply) return false;
     if (reply->starts_with("+OK")) return true;
+    tarn::note_reason("login rejected");
     std::printf("[WARN] redis auth failed %.*s\n", static_cast<int>(reply->size()), reply->data());
     return false;
 }
@@ -125,6 +127,7 @@ bool redis_update(data_redis& data) {
     std::array<char, reply_size> buffer;
     const auto reply = tarn::ask_once(connection, "info\r\n", buffer);
     if (!reply) return false;
+    tarn::expect_start(*reply, "$");
     redis_parse_info(*reply, data);
     return true;
 }

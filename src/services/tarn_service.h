@@ -23,7 +23,8 @@ class service_conf final {
     service_conf(const tarn_mycustom_counter& counter, std::string_view separators);
     service_conf(const service_conf&) = delete;
     service_conf& operator=(const service_conf&) = delete;
-    ~service_conf() = default;
+    /// Notes a reason when text is missing or left over.
+    ~service_conf();
 
     /// True when the text holds an "@".
     [[nodiscard]] bool has_login() const { return has_login_; }
@@ -32,6 +33,7 @@ class service_conf final {
     template <std::size_t Size>
     void word(char (&field)[Size]) {
         copy_terminated(field, words_.word());
+        is_incomplete_ = is_incomplete_ || field[0] == '\0';
     }
 
     /// Reads user and password. The password is empty when its two separators are adjacent.
@@ -47,7 +49,9 @@ class service_conf final {
     template <std::size_t Size>
     void until(char separator, char (&field)[Size]) {
         copy_terminated(field, words_.until(separator));
-        if (field[0] == '\0') words_ = scanner({});
+        if (field[0] != '\0') return;
+        is_incomplete_ = true;
+        words_ = scanner({});
     }
 
     /// Reads a decimal number as "%d" does. Returns 0 when there is none; no further words are read then.
@@ -59,6 +63,7 @@ class service_conf final {
     void port_or_socket(Port& port, char (&socket)[Size]) {
         const std::string_view last = words_.word();
         const bool is_port = is_valid_int(last);
+        is_incomplete_ = is_incomplete_ || last.empty();
         port = is_port ? static_cast<Port>(to_number<int>(last)) : Port{};
         copy_terminated(socket, is_port ? std::string_view() : last);
     }
@@ -67,6 +72,7 @@ class service_conf final {
     std::string text_;
     bool has_login_ = false;
     bool empty_password_ = false;
+    bool is_incomplete_ = false;
     scanner words_{{}};
 };
 
@@ -101,6 +107,15 @@ deadline answer_deadline(int timeouts);
 /// Reads once, up to the size of the buffer. The reply is a text that ends at the first zero byte. Returns
 /// nothing when the read fails or times out.
 std::optional<std::string_view> read_reply(const stream& connection, std::span<char> buffer);
+
+/// Notes the error of a client library as a reason: the first line, or that the login was rejected.
+void note_library_error(std::string_view text);
+
+/// Notes a reason for a page of statistics that lacks this text, such as an error page.
+void expect_text(std::string_view page, std::string_view text);
+
+/// Notes a reason for a reply that does not begin with this text, such as an error.
+void expect_start(std::string_view reply, std::string_view start);
 
 /// Writes a request and reads its reply as read_reply() does. Returns nothing when either fails.
 std::optional<std::string_view> ask_once(const stream& connection, std::string_view request,

@@ -15,10 +15,10 @@ namespace tarn {
 
 bool is_other_agent(pid_t pid) {
     if (pid <= 0 || pid == ::getpid()) return false;
-    const auto own = read_file("/proc/self/comm");
-    const std::string name(own.value_or(""));
+    const std::string_view own = read_file("/proc/self/comm").value_or("");
+    const std::string name(own.substr(0, own.find_first_of("-\n")));  // of "tarn-check", "tarn"
     const auto other = read_file(("/proc/" + std::to_string(pid) + "/comm").c_str());
-    return other && !name.empty() && *other == name;
+    return other && !name.empty() && *other == name + "\n";
 }
 
 child_process::child_process(pid_t pid) : fd_(::pidfd_open(pid, 0)) {}

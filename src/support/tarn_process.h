@@ -7,7 +7,8 @@
 /// Processes of this program, as distinct from unrelated ones that have been given the same process id.
 namespace tarn {
 
-/// True when `pid` is another process that runs the same program as this one, judged by /proc/PID/comm.
+/// True when `pid` is another process that runs the agent, judged by /proc/PID/comm and the name of this
+/// process, which is the agent's or begins with it and "-".
 bool is_other_agent(pid_t pid);
 
 /// One child process, held by a descriptor: its process id may be reused once it has ended.

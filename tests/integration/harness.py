@@ -214,6 +214,19 @@ def drawn_second(moment, interval):
     return libc.rand() % interval
 
 
+def check(*args, status):
+    """Runs tarn-check and returns its lines."""
+    done = subprocess.run([BUILD / "tarn-check", "--conf-glob", "/no", *map(str, args)], capture_output=True, text=True,
+                          timeout=60, check=False)
+    assert (done.returncode, done.stderr) == (status, ""), done.stdout + done.stderr
+    return done.stdout.splitlines()
+
+
+def probed(lines):
+    """The outcomes that tarn-check --probe prints, by service."""
+    return {name: outcome for name, outcome in re.findall(r"^(\S+) .*?\b((?:ok|FAILED) .*)$", "\n".join(lines), re.M)}
+
+
 def children(pid):
     return [int(p) for p in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
 

@@ -8,7 +8,7 @@ from types import SimpleNamespace
 import pytest
 
 from fake_server import MYSQL_GREETING, FakeServer, mysql_packet
-from harness import Agent, Collector, children, flat, template
+from harness import Agent, Collector, check, children, flat, probed, template
 from real_servers import Beanstalkd, LocalMemcached, MariaDb, Memcached, Postgres, Redis, Searchd, check_restarts
 
 
@@ -35,6 +35,8 @@ def test_the_figures_of_real_servers_follow_a_known_load(tmp_path, stores):
         stores.beanstalkd.ask("put 0 0 9 1\r\nx\r\n" * 5 + "reserve\r\ndelete 1\r\n")
         reports = [flat(report) for report in collector.reports_of_now()]
     last = reports[-1]
+    outcomes = probed(check(tmp_path / "tarn.conf", "--probe", status=1))
+    assert len(outcomes) == 9 and all(outcome.startswith("ok ") for outcome in outcomes.values()), outcomes
 
     def total(service, key, per_cycle=0):
         """What the rates of these cycles add up to, without the agent's own share."""
@@ -91,6 +93,13 @@ def test_wrong_logins_are_named_and_cost_their_own_counter(tmp_path, stores):
                    "Failed to connect to mysql(tarn:***@127.0.0.1:(0 | )): Error: ",
                    "\nFailed to connect to postgres database: tarn *** 127.0.0.1 ", "\n\nSELECT query5 failed.\n\n",
                    "Cannot initialize memcache on nothing:0\n", "Failed to connect to sphinx(u:secret@127.0.0.1:")
+    outcomes = probed(check(tmp_path / "tarn.conf", "--probe", status=2))
+    assert {name for name, outcome in outcomes.items() if outcome == "FAILED login rejected"} == {
+        "redis_wrong", "mysql_wrong", "postgresql_wrong"}
+    assert outcomes["redis_none"].startswith('FAILED the reply begins with "-NOAUTH')
+    assert outcomes["postgresql_broken"].startswith("FAILED ERROR: ")
+    assert outcomes["sphinx_closed"].startswith("FAILED Can't connect to server on")
+    assert outcomes["mysql_nothing"] == "FAILED no figures"
 
 
 @pytest.mark.parametrize("method", [b"mysql_clear_password", b"dialog"])

@@ -1,0 +1,96 @@
+"""tarn-check: what it says about configuration files and services, and that it leaves nothing."""
+
+import os
+
+import pytest
+
+from fake_server import FakeServer, captured, silent
+from harness import Agent, Collector, check, probed, shm_blocks, template
+
+IDENTITY = "id 7\naddress 127.0.0.1\n"
+
+
+def written(tmp_path, text, mode=0o600):
+    path = tmp_path / "c"
+    path.write_bytes(text if isinstance(text, bytes) else text.encode())
+    path.chmod(mode)
+    return path
+
+
+def test_faulty_lines_are_named_with_what_to_write_instead(tmp_path):
+    path = written(tmp_path, template("faulty_lines.conf"), 0o644)
+    said = "\n".join(check(path, status=2)).replace(str(path), "FILE") + "\n"
+    assert said == template("check.txt", "golden")
+
+
+@pytest.mark.parametrize("text, status, said", [
+    (IDENTITY, 0, []),
+    (IDENTITY + "secret s\n", 0, []),
+    (IDENTITY + "id 4294967297\n", 2, ['FILE:3: error: "4294967297" is above 4294967295']),
+    ("id 7\n", 2, ['FILE: error: no collector: set "address" or "domain"']),
+    ("uuid 1-2-3-4-5\n" + IDENTITY[5:] + "server_name a\n", 2,
+     ["FILE: error: the uuid does not have the form aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee",
+      'FILE: error: a uuid also needs "project_name"']),
+    ("\ufeffport 1\n" + IDENTITY, 2, ["FILE:1: error: a byte order mark precedes the first key, so the agent ignores that line"]),
+    (IDENTITY + "port 8641\r\n", 1, ["FILE:3: warning: ends in a carriage return"]),
+    (IDENTITY + "server_name " + "x" * 5000 + "\n", 1,
+     ["FILE:3: warning: truncated to 4095 characters", "FILE:3: warning: the value is truncated to 255 characters"]),
+    (IDENTITY + "beanstalk 127.0.0.1:1\n" * 17, 2, None)])
+def test_files_are_judged_as_a_whole(tmp_path, text, status, said):
+    path = written(tmp_path, text)
+    lines = [line.replace(str(path), "FILE") for line in check(path, status=status)]
+    assert said is None or lines[:-1] == said
+    assert said is not None or lines[-2].endswith("ignored: there are 16 counters of this family already")
+
+
+def test_what_is_no_readable_file_is_named(tmp_path):
+    os.mkfifo(tmp_path / "fifo")
+    for path, fault in {"": "is a directory", "fifo": "is not a regular file", "none": "No such file or directory"}.items():
+        assert check(tmp_path / path, status=2)[0] == f"{tmp_path / path}: error: {fault}"
+    path = written(tmp_path, IDENTITY, 0o666)
+    assert check(path, status=1)[0].endswith("others than root can write to it, and so run commands as root")
+
+
+def test_services_are_sampled_once_and_failures_explained(tmp_path, redis):
+    answering = {
+        "nginx_{} 127.0.0.1:{}/s h": ("nginx_status.txt",), "apache_{} 127.0.0.1:{}": ("apache_status.txt",),
+        "fpm_{} 127.0.0.1:{} /s": ("fpm_answer.bin",), "rabbit_{} u:p@127.0.0.1:{}": ("rabbit_nodes.txt", "rabbit_queues.txt"),
+        "elastic_{} 127.0.0.1:{} node-7": ("elastic_node.txt", "elastic_health.txt")}
+    failing = {
+        "redis_{} u:@127.0.0.1:{}": b"-NOAUTH Authentication required.\r\n", "nginx_{} 127.0.0.1:{}/s h": b"HTTP/1.1 404 Not Found\r\n\r\n",
+        "rabbit_{} u:p@127.0.0.1:{}": b"HTTP/1.1 401 Unauthorized\r\n\r\n{}", "fpm_{} 127.0.0.1:{} /s": b"",
+        "elastic_{} 127.0.0.1:{} n": b'HTTP/1.1 200 OK\r\n\r\n{"nodes":{}}'}
+    config = IDENTITY + f"counter_tcp_to 1\nredis_real u:@127.0.0.1:{redis.port}\nredis_refused u:@127.0.0.1:1\n"
+    config += f"memcache 127.0.0.1:{FakeServer(silent).port}\nredis_name u:@localhost:1\nredis_c u:@[gone]:1\n"
+    for line, files in answering.items():
+        steps = [step for name in files for step in (..., captured(name))]
+        config += line.format("good", FakeServer(*steps).port) + "\n"
+    for line, answer in failing.items():
+        config += line.format("bad", FakeServer(..., answer).port) + "\n"
+    path = written(tmp_path, config)
+    before = shm_blocks()
+    outcomes = probed(check(path, "--probe", status=2))
+    figures = {name: int(text.split()[3]) for name, text in outcomes.items() if text.startswith("ok ")}
+    assert figures == {"redis_real": 14, "nginx_good": 5, "apache_good": 11, "fpm_good": 6, "rabbit_good": 16,
+                       "elastic_good": 8}
+    assert {name: text for name, text in outcomes.items() if name not in figures} == {
+        "redis_refused": "FAILED connection refused 127.0.0.1:1", "redis_name": "FAILED localhost is not an IPv4 address",
+        "redis_c": "FAILED container gone has no address",
+        "memcache": "FAILED timed out after 1 s",
+        "redis_bad": 'FAILED the reply begins with "-NOAUTH Authentication required.", not with "$"',
+        "nginx_bad": 'FAILED the page has no "Active connections" (status 404)',
+        "rabbit_bad": "FAILED 401 Unauthorized", "fpm_bad": "FAILED no answer",
+        "elastic_bad": "FAILED the answer has no node n"}
+    assert check(path, "--probe", "real", status=0)[-2].startswith("redis_real ok ")
+    assert shm_blocks() == before
+
+
+def test_a_running_agent_is_noted_and_not_disturbed(tmp_path):
+    with Collector() as collector, Agent(tmp_path, collector.config("redis_c u:@[c]:1\n")):
+        collector.report()
+        before = shm_blocks()
+        path = written(tmp_path, collector.config("redis_c u:@[c]:1\n"))
+        assert check(path, "--probe", status=2)[1] == f"{path}: an agent with this identity is running"
+        assert {key: block["size"] for key, block in shm_blocks().items()} == {
+            key: block["size"] for key, block in before.items()}
+        collector.report()
