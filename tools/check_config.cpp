@@ -58,7 +58,7 @@ std::string value_fault(const setting& row, std::string_view value) {
     if (row.keyword == "address" && !tarn::parse_ipv4(value))
         return quoted(value) + " is not an IPv4 address; for a name there is \"domain\"";
     if (row.keyword == "proto" && value != "tcp" && value != "udp")
-        return quoted(value) + " is neither \"tcp\" nor \"udp\"; UDP is used";
+        return quoted(value) + R"( is neither "tcp" nor "udp"; UDP is used)";
     return {};
 }
 
@@ -217,7 +217,7 @@ bool check_server(const std::string& path, findings& found) {
     const std::string_view uuid = tarn::text_of(config.uuid);
     key_t key = 0;
     if (uuid.empty()) {
-        found.error(path, "neither \"id\" nor \"uuid\" is set");
+        found.error(path, R"(neither "id" nor "uuid" is set)");
         return false;
     }
     if (uuid.size() != 36 || parse_uuid(config.uuid, key) == 0)
@@ -260,7 +260,7 @@ std::vector<checked_counter> check_config(findings& found) {
     config.mysql_handle = config.postgre_handle = nullptr;
     if (check_server(main_file, found)) {
         if (config.defaultServerIp[0] == '\0' && config.serverName[0] == '\0')
-            found.error(main_file, "no collector: set \"address\" or \"domain\"");
+            found.error(main_file, R"(no collector: set "address" or "domain")");
         check_report_size(main_file, found);
         note_running_agent(main_file, found);
     }

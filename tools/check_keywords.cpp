@@ -63,7 +63,7 @@ std::string unknown_key_message(const config_line& line) {
         return "unknown key \"" + key + "\": write \"" + key + "_" + std::string(line.value) + "\"";
     const std::size_t equals = key.find('=');
     if (equals != std::string::npos && is_keyword(config_settings(), key.substr(0, equals)))
-        return "no \"=\" between key and value: write \"" + key.substr(0, equals) + " " +
+        return R"(no "=" between key and value: write ")" + key.substr(0, equals) + " " +
                key.substr(equals + 1) + "\"";
     const std::string nearest(nearest_keyword(key));
     return "unknown key \"" + key + "\"" + (nearest.empty() ? "" : ": did you mean \"" + nearest + "\"?");

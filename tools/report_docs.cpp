@@ -58,7 +58,7 @@ std::string manual_text(std::string_view markdown_text) {
         if (column > 0) text += is_break ? '\n' : ' ';
         if (is_break) column = 0;
         // A line that begins with one of these would be a macro.
-        if (column == 0 && (word[0] == '.' || word[0] == '\'')) word = "\\&" + word;
+        if (column == 0 && (word[0] == '.' || word[0] == '\'')) text += "\\&";
         text += word;
         column += word.size() + 1;
     }

@@ -238,7 +238,7 @@ constexpr report_row redises_rows[] = {
     rate32("evicted_keys", "per minute", "evicted_keys_per_minute", "same name; /min"),
     gauge("connected_slaves", bson::int64, "replicas", "replicas", "`connected_slaves`; gauge"),
     gauge("master_link_status", bson::int64, "", "primary_link_up",
-          "1: `master_link_status` begins with \"up\"; only when `role` was seen as \"slave\""),
+          R"(1: `master_link_status` begins with "up"; only when `role` was seen as "slave")"),
     gauge("master_sync_left_bytes", bson::int64, "bytes", "primary_sync_left_bytes",
           "`master_sync_left_bytes`; gauge, only told during a synchronisation, and kept after it"),
     gauge("rdb_last_bgsave_status", bson::int64, "", "last_save_ok",
@@ -251,7 +251,7 @@ constexpr report_row redises_rows[] = {
 
 constexpr report_row mycustoms_rows[] = {
     unexported("report", bson::text, "",
-               "kind: \"Postgre\", \"Sphinx\", \"Rabbit\", \"Elastic\", \"Apache\", \"Nginx\" or \"FPM\""),
+               R"(kind: "Postgre", "Sphinx", "Rabbit", "Elastic", "Apache", "Nginx" or "FPM")"),
     unexported("id", bson::text, "", "id of the line"),
 };
 

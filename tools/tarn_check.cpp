@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "check_config.h"
@@ -57,9 +58,8 @@ tarn::unique_file take_output() {
     return own;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+/// Returns the exit status.
+int run(int argc, char** argv) {
     init_config();
     const check_options options = parsed_options(argc, argv);
     tarn::copy_terminated(config.configFile, options.file);
@@ -73,4 +73,15 @@ int main(int argc, char** argv) {
     if (options.probe) probe_services(counters, options.probe_only, *output, found);
     found.print_total();
     return found.status();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tarn-check: %s\n", error.what());
+        return bad_usage;
+    }
 }

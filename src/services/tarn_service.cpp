@@ -160,7 +160,7 @@ void expect_text(std::string_view page, std::string_view text) {
 void expect_start(std::string_view reply, std::string_view start) {
     if (reply.starts_with(start)) return;
     const std::string_view line = reply.substr(0, std::min(reply.find_first_of("\r\n"), max_shown));
-    note_reason("the reply begins with \"%.*s\", not with \"%.*s\"", static_cast<int>(line.size()),
+    note_reason(R"(the reply begins with "%.*s", not with "%.*s")", static_cast<int>(line.size()),
                 line.data(), static_cast<int>(start.size()), start.data());
 }
 
