@@ -3,14 +3,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "bench_host.h"
+#include "bench_peer.h"
+#include "captures.h"
 
 namespace {
 
@@ -52,11 +57,13 @@ usage usage_of_family(pid_t pid) {
     return sum;
 }
 
-pid_t start_agent(const std::string& config) {
-    std::ofstream(config) << "id 1650811758\naddress 127.0.0.1\nport 9\ninterval 1\nsecret s\n";
+pid_t start_agent(const std::string& config, const std::string& services = {}) {
+    std::ofstream(config) << "id 1650811758\naddress 127.0.0.1\nport 9\ninterval 1\nsecret s\n" << services;
+    std::fflush(stdout);  // else the new process prints it again
     const pid_t pid = ::fork();
     if (pid != 0) return pid;
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(127);
+    if (std::freopen("/dev/null", "w", stderr) == nullptr) ::_exit(127);
     ::execl(AGENT, AGENT, "--config", config.c_str(), "--conf-glob", "/no/such", nullptr);
     ::_exit(127);
 }
@@ -71,6 +78,20 @@ pid_t start_floor(const std::vector<std::string>& mounts) {
     }
 }
 
+/// Sleeps until so many milliseconds before the next second, in which an agent takes its samples.
+void sleep_until_before_second(long milliseconds) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    constexpr long second = 1'000'000'000;
+    const timespec wait{1, second - now.tv_nsec - milliseconds * 1'000'000};
+    const timespec normal{wait.tv_sec + wait.tv_nsec / second, wait.tv_nsec % second};
+    ::nanosleep(&normal, nullptr);
+}
+
+std::string replaced(std::string line, int port) {
+    return line.replace(line.find("@port@"), 6, std::to_string(port)) + "\n";
+}
+
 void end(pid_t pid) {
     ::kill(pid, SIGTERM);
     ::waitpid(pid, nullptr, 0);
@@ -82,7 +103,6 @@ void print_agent_cost() {
     constexpr unsigned warm_up = 4;
     constexpr unsigned seconds = 20;
     const std::string config = "/tmp/tarn-bench-" + std::to_string(::getpid()) + ".conf";
-    std::fflush(stdout);  // else the forked processes print it again
     const pid_t agent = start_agent(config);
     const pid_t floor = start_floor(measured_mounts());
     ::sleep(warm_up);
@@ -100,4 +120,30 @@ void print_agent_cost() {
         (floor_after.cpu_us - floor_before.cpu_us) / seconds);
     std::printf("memory of both processes: %ld KiB resident, %ld KiB proportional\n",
                 agent_after.resident_kib, agent_after.proportional_kib);
+}
+
+void print_whole_agent() {
+    const std::string config = "/tmp/tarn-bench-" + std::to_string(::getpid()) + ".conf";
+    std::deque<peer> servers;
+    std::string services = "mysql_lib libmariadb.so.3\npostgre_lib libpq.so.5\n";
+    for (const captured_kind& kind : captured_kinds()) {
+        const bool has_library = kind.steps[0][0].ends_with(".rows");  // its exchange cannot be scripted
+        services += replaced(kind.line, has_library ? 1 : servers.emplace_back(answers_of(kind, 0)).port());
+    }
+    constexpr long lead_ms = 25;
+    sleep_until_before_second(lead_ms);
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t agent = start_agent(config, services);
+    while (servers.front().connections() == 0 && ::waitpid(agent, nullptr, WNOHANG) == 0)
+        ::usleep(100);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    ::sleep(5);
+    const usage found = usage_of_family(agent);
+    end(agent);
+    std::filesystem::remove(config);
+    std::printf("\nevery kind of service: %ld KiB resident, %ld KiB proportional\n", found.resident_kib,
+                found.proportional_kib);
+    std::printf("from start to first sample: %ld ms, of which up to %ld are spent waiting for the second\n",
+                static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(waited).count()),
+                lead_ms);
 }

@@ -27,6 +27,7 @@ std::size_t one_cycle() {
 }
 
 host_counters::host_counters() {
+    stats = {};  // a benchmark of a service may have left its counter
     init_config();
     config.id = 7;
     setCoreCounters();

@@ -25,6 +25,10 @@ void read_same_files(const std::vector<std::string>& mounts);
 /// Runs the agent for 24 seconds and prints its CPU time and memory.
 void print_agent_cost();
 
+/// Runs the agent with every kind of service and prints its memory, and how long it took from its start to
+/// its first sample.
+void print_whole_agent();
+
 /// The number of calls of the C library's allocator since the start of the process.
 std::size_t allocations();
 

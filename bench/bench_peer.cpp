@@ -54,6 +54,7 @@ peer::~peer() {
 
 void peer::serve() {
     for (int connection = 0; (connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+        ++connections_;
         answer_requests(connection);
         ::close(connection);
     }

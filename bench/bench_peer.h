@@ -18,6 +18,9 @@ class peer final {
     [[nodiscard]] int port() const { return port_; }
     [[nodiscard]] const std::vector<std::string>& answers() const { return answers_; }
 
+    /// Connections accepted so far.
+    [[nodiscard]] int connections() const { return connections_; }
+
     /// The length of the request that came before this answer on the latest connection, bytes.
     [[nodiscard]] std::size_t request_size(std::size_t answer) const { return request_sizes_[answer]; }
 
@@ -29,6 +32,7 @@ class peer final {
     std::vector<std::atomic<std::size_t>> request_sizes_;
     std::string path_;
     int port_ = 0;
+    std::atomic<int> connections_ = 0;
     int listener_;
     std::jthread thread_;
 };
