@@ -5,7 +5,7 @@ import os
 import pytest
 
 from fake_server import FakeServer, captured, silent
-from harness import Agent, Collector, check, probed, shm_blocks, template
+from harness import Agent, Collector, FakeHost, check, probed, shm_blocks, template
 
 IDENTITY = "id 7\naddress 127.0.0.1\n"
 
@@ -49,6 +49,15 @@ def test_what_is_no_readable_file_is_named(tmp_path):
         assert check(tmp_path / path, status=2)[0] == f"{tmp_path / path}: error: {fault}"
     path = written(tmp_path, IDENTITY, 0o666)
     assert check(path, status=1)[0].endswith("others than root can write to it, and so run commands as root")
+
+
+def test_a_host_too_large_for_datagrams_is_told_to_use_tcp(tmp_path):
+    host = FakeHost(tmp_path)
+    host.write(dev="head\nhead\n" + "".join(f"veth{n}: {'1 ' * 16}\n" for n in range(900)))
+    for transport, said in {"udp": ["warning: a report may exceed the 65507 bytes of a UDP datagram"], "tcp": []}.items():
+        path = written(tmp_path, IDENTITY + f"proto {transport}\n")
+        lines = check(path, status=len(said), command=host.command())
+        assert [line.split(": ", 1)[1].split(";")[0] for line in lines[:-1]] == said
 
 
 def test_services_are_sampled_once_and_failures_explained(tmp_path, redis):
