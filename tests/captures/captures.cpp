@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <type_traits>
 
 #include "config/tarn_config_line.h"
 #include "config/tarn_kinds.h"
@@ -25,39 +26,31 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-/// Parses one reply; the parser cannot fail.
-template <typename Record, auto Parse>
-void read_reply(tarn_mycustom_counter& counter, const texts& answers) {
+/// Calls a parser on an answer; false when it refuses it. A parser that takes a string gets the body only.
+template <typename Record, typename Result, typename Text>
+bool parse_with(Result (*parse)(Text, Record&), const std::string& answer, Record& data) {
+    const std::size_t head_end =
+        std::is_same_v<Text, std::string> ? answer.find("\r\n\r\n") : std::string::npos;
+    const Text text(std::string_view(answer).substr(head_end == std::string::npos ? 0 : head_end + 4));
+    if constexpr (!std::is_void_v<Result>) return parse(text, data) != 0;
+    parse(text, data);
+    return true;
+}
+
+/// Parses each answer with its parser, up to the first one that is refused.
+template <typename Record, auto... Parse>
+void read_answers(tarn_mycustom_counter& counter, const texts& answers) {
     auto& data = tarn::data_of<Record>(counter);
-    Parse(answers[0], data);
-    data.ok = 1;
+    auto answer = answers.begin();
+    data.ok = ((answer == answers.end() || parse_with(Parse, *answer++, data)) && ...) ? 1 : 0;
 }
 
-template <typename Record, auto Parse>
-void read_page(tarn_mycustom_counter& counter, const texts& answers) {
-    auto& data = tarn::data_of<Record>(counter);
-    data.ok = Parse(answers[0], data);
-}
-
-std::string body_of(const std::string& answer) {
-    const std::size_t head = answer.find("\r\n\r\n");
-    return head == std::string::npos ? answer : answer.substr(head + 4);
-}
-
-template <typename Record, auto ParseFirst, auto ParseSecond>
-void read_bodies(tarn_mycustom_counter& counter, const texts& answers) {
-    auto& data = tarn::data_of<Record>(counter);
-    data.ok = ParseFirst(body_of(answers[0]), data);
-    if (answers.size() > 1 && data.ok != 0) data.ok = ParseSecond(body_of(answers[1]), data);
-}
-
-void read_records(tarn_mycustom_counter& counter, const texts& answers) {
-    auto& data = tarn::data_of<tarn_mycustom_data_fpm>(counter);
-    std::span<const char> bytes(answers[0]);
+/// Parses the first record of an answer.
+int parse_record(std::string_view answer, tarn_mycustom_data_fpm& data) {
+    std::span<const char> bytes(answer);
     fcgi_record record;
-    if (fcgi_process_record(bytes, record) != fcgi_progress::complete) return;
-    fpm_parse_res(record.content, data);
-    data.ok = 1;
+    const bool is_complete = fcgi_process_record(bytes, record) == fcgi_progress::complete;
+    return is_complete ? fpm_parse_res(record.content, data) : 0;
 }
 
 /// Runs the whole update, with the stub as client library.
@@ -66,72 +59,65 @@ void read_rows(tarn_mycustom_counter& counter, const texts& answers) {
     counter.update(counter);
 }
 
-std::vector<captured_kind> all_kinds() {
-    return {
+}  // namespace
+
+std::span<const captured_kind> captured_kinds() {
+    static const std::vector<captured_kind> kinds = {
         {"redis",
          "redis_main u:@127.0.0.1:@port@",
          {{"redis_info.txt"}, {"redis_later.txt"}, {"redis_refused.txt"}},
-         read_reply<tarn_mycustom_data_redis, redis_parse_info>},
+         read_answers<tarn_mycustom_data_redis, redis_parse_info>},
         {"memcached",
          "memcache 127.0.0.1:@port@",
          {{"memcached_stats.txt"}, {"memcached_later.txt"}, {"memcached_returns.txt"}},
-         read_reply<tarn_mycustom_data_memcache, memcache_parse_stats>},
+         read_answers<tarn_mycustom_data_memcache, memcache_parse_stats>},
         {"beanstalk",
          "beanstalk 127.0.0.1:@port@",
          {{"beanstalkd_stats.txt"}, {"beanstalkd_later.txt"}, {"beanstalkd_returns.txt"}},
-         read_reply<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
+         read_answers<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
         {"nginx",
          "nginx_main 127.0.0.1:@port@/status localhost",
          {{"nginx_status.txt"}, {"nginx_later.txt"}, {"nginx_odd.txt"}},
-         read_page<tarn_mycustom_data_nginx, nginx_parse_res>},
+         read_answers<tarn_mycustom_data_nginx, nginx_parse_res>},
         {"apache",
          "apache_main 127.0.0.1:@port@",
          {{"apache_status.txt"}, {"apache_later.txt"}, {"apache_restarted.txt"}},
-         read_page<tarn_mycustom_data_apache, apache_parse_res>},
+         read_answers<tarn_mycustom_data_apache, apache_parse_res>},
         {"fpm",
          "fpm_main 127.0.0.1:@port@ /status",
          {{"fpm_answer.bin"}, {"fpm_later.bin"}, {"fpm_restarted.bin"}},
-         read_records},
+         read_answers<tarn_mycustom_data_fpm, parse_record>},
         {"rabbit",
          "rabbit_main u:p@127.0.0.1:@port@",
          {{"rabbit_nodes.txt", "rabbit_queues.txt"},
           {"rabbit_nodes_later.txt", "rabbit_queues_later.txt"},
-          {"rabbit_starting.txt", "rabbit_no_queues.txt"}},
-         read_bodies<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
+          {"rabbit_starting.txt", "rabbit_no_queues.txt"},
+          {"http_list.txt"},
+          {"rabbit_nodes_later.txt", "http_object.txt"},
+          {"http_cut.txt"}},
+         read_answers<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
         {"elastic",
          "elastic_main 127.0.0.1:@port@ node-7",
          {{"elastic_node.txt", "elastic_health.txt"},
           {"elastic_node_later.txt", "elastic_health_later.txt"},
-          {"elastic_node_odd.txt", "elastic_health_odd.txt"}},
-         read_bodies<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
+          {"elastic_node_odd.txt", "elastic_health_odd.txt"},
+          {"elastic_node_later.txt", "http_cut.txt"},
+          {"http_list.txt"},
+          {"http_object.txt"}},
+         read_answers<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
         {"mysql",
          "mysql_main u:p@127.0.0.1:@port@",
-         {{"mysql.rows"}, {"mysql_later.rows"}, {"mysql_primary.rows"}},
+         {{"mysql.rows"}, {"mysql_later.rows"}, {"mysql_primary.rows"}, {"mysql_stopped.rows"}},
          read_rows},
         {"postgre",
          "postgresql_main u:p@127.0.0.1:@port@",
-         {{"postgre.rows"}, {"postgre_later.rows"}, {"postgre_old.rows"}},
+         {{"postgre.rows"}, {"postgre_later.rows"}, {"postgre_92.rows"}, {"postgre_old.rows"}},
          read_rows},
         {"sphinx",
          "sphinx_main u:p@127.0.0.1:@port@",
-         {{"sphinx.rows"}, {"sphinx_later.rows"}, {"sphinx_cut.rows"}},
+         {{"sphinx.rows"}, {"sphinx_later.rows"}, {"sphinx_restarted.rows"}, {"sphinx_cut.rows"}},
          read_rows},
     };
-}
-
-/// The counter that the line made, in whichever family.
-tarn_mycustom_counter& only_counter() {
-    for (const tarn_family& family :
-         {mysql_family(), memcache_family(), beanstalk_family(), redis_family()}) {
-        if (family.count > 0) return family.slots[0];
-    }
-    return mycustom_family().slots[0];
-}
-
-}  // namespace
-
-std::span<const captured_kind> captured_kinds() {
-    static const std::vector<captured_kind> kinds = all_kinds();
     return kinds;
 }
 
@@ -145,6 +131,14 @@ std::vector<std::string> answers_of(const captured_kind& kind, std::size_t step)
     for (const std::string& name : kind.steps[step])
         answers.push_back(name.ends_with(".rows") ? name : captured(name));
     return answers;
+}
+
+tarn_mycustom_counter& only_counter() {
+    for (const tarn_family& family :
+         {mysql_family(), memcache_family(), beanstalk_family(), redis_family()}) {
+        if (family.count > 0) return family.slots[0];
+    }
+    return mycustom_family().slots[0];
 }
 
 tarn_mycustom_counter& configured(const captured_kind& kind, int port) {

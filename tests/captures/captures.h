@@ -27,6 +27,9 @@ std::string captured(const std::string& name);
 /// The answers of one sample; for kinds that use a client library, the names of the files.
 std::vector<std::string> answers_of(const captured_kind& kind, std::size_t step);
 
+/// The counter that a configuration line made in any family; one without operations when there is none.
+tarn_mycustom_counter& only_counter();
+
 /// Makes a counter of this kind from its configuration line and initialises it, with the stub as client
 /// library. The counter is valid until the next call.
 tarn_mycustom_counter& configured(const captured_kind& kind, int port);

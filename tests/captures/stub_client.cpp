@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,14 +20,10 @@ struct answer {
 };
 
 fields split(const std::string& line) {
-    fields found(1);
-    for (const char c : line) {
-        if (c == '\t') {
-            found.emplace_back();
-        } else {
-            found.back() += c;
-        }
-    }
+    fields found;
+    std::istringstream rest(line);
+    for (std::string field; std::getline(rest, field, '\t');)
+        found.push_back(field);
     return found;
 }
 
