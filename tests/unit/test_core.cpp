@@ -1,8 +1,6 @@
 // The walkers over the families, and the cycle that calls them.
 #include "core/tarn_core.h"
 
-#include <regex>
-
 #include "record/tarn_clock.h"
 #include "test_helpers.h"
 
@@ -46,29 +44,24 @@ class Core : public testing::Test {
         calls.clear();
     }
     void TearDown() override { stats = {}; }
-    /// What a call prints in debug mode, with times replaced by "T", and the operations that it called.
-    static std::string traced(void (*call)()) {
-        config.debug = 1;
-        calls.clear();
-        const std::string printed = printed_by(call);
-        config.debug = 0;
-        return std::regex_replace(printed, std::regex("[0-9]{10}"), "T") + calls + "\n";
-    }
 };
 
 }  // namespace
 
-TEST_F(Core, WalksHaveTheirOrderAndTexts) {
-    EXPECT_TRUE(traced([] { initCounters(5); }).ends_with("done\nicu imc ime ibe ire \n"));
+TEST_F(Core, WalksHaveTheirOrder) {
+    initCounters(5);
+    EXPECT_EQ(calls, "icu imc ime ibe ire ");  // without the client library
+    calls.clear();
     config.mysql_handle = &stats;
-    expect_golden("walks.txt", traced([] {
-                      initCounters(5);
-                      reinitCounters(60);
-                      updateCounters();
-                      deltaCounters(3);
-                      dumpCounters();
-                      freeCounters();
-                  }));
+    initCounters(5);
+    reinitCounters(60);
+    updateCounters();
+    deltaCounters(3);
+    dumpCounters();
+    freeCounters();
+    EXPECT_EQ(calls,
+              "icu imy imc ime ibe ire rmy rmc rme rbe rre umy ume ube ure umc "
+              "15/3dmy 15/3dmc 15/3dme 15/3dbe 15/3dre Dmy Dcu Dmc Dme Dbe Dre fmy fcu fmc fme fbe fre ");
 }
 
 TEST_F(Core, AbsentOperationsAreSkipped) {

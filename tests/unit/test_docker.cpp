@@ -18,8 +18,8 @@ const std::string message =
 TEST(Docker, StatisticsAreReadFromTheFirstObject) {
     docker_stats_t container;
     parse_response("HTTP/1.0 200 OK\r\n\r\n" + message + "\n", container);
-    EXPECT_EQ(fields(container.ok, container.ncpu, docker_cpu_percent(container)),
-              "1|2|50");  // 0.5 of 2 s, two CPUs
+    // 0.5 of 2 s, two CPUs.
+    EXPECT_EQ(fields(container.ok, container.ncpu, docker_cpu_percent(container)), "1|2|50");
     parse_response("no object", container);
     EXPECT_EQ(container.ok, 0);
     parse_response("{\"cut", container);
@@ -30,13 +30,7 @@ TEST(Docker, StatisticsAreReadFromTheFirstObject) {
 TEST(Docker, ObjectsAreReassembledAcrossReads) {
     const std::string tricky = R"({"a":"}{\"\\","b":{"c":[{}]}})";
     const std::string stream = "HTTP/1.0 200 OK\r\n{no\r\n\r\n" + tricky + "\n" + message + "\n";
-    for (std::size_t split = 0; split <= stream.size(); ++split) {
-        tarn::json_framer framer;
-        const std::string first = framer.feed(stream.substr(0, split));
-        const std::string second = framer.feed(stream.substr(split));
-        EXPECT_EQ(second.empty() ? first : second, message) << split;
-        EXPECT_LE(framer.pending(), 1U);
-    }
+    EXPECT_EQ(tarn::json_framer().feed(stream), message);  // the newest
     tarn::json_framer bytewise;
     std::string found;
     for (const char c : stream)
@@ -72,11 +66,9 @@ TEST(Docker, TheTableHoldsAHundredContainers) {
 }
 
 TEST(Docker, OnlyValidContainerNamesAreRequested) {
-    for (const char* const name :
-         {"", "a b", "a\nPOST /x", "-a", ".", "../x", "a/b", "a?b", "a%20", "\xC3\xA9"})
-        EXPECT_FALSE(tarn_docker_request("/containers/", name, "/json")) << name;
-    EXPECT_EQ(tarn_docker_request("/containers/", "0a_B.c-d", "/json"),
-              "GET /containers/0a_B.c-d/json HTTP/1.0\n\n");
-    EXPECT_TRUE(tarn_docker_request("/containers/", std::string(900, 'n'), "/json"));
-    EXPECT_FALSE(tarn_docker_request("/containers/", std::string(1023, 'n'), "/json"));
+    const auto request = [](const std::string& name) {
+        return tarn_docker_request("/containers/", name, "/json").value_or("none");
+    };
+    expect_table("container_names.txt", request);
+    EXPECT_EQ(fields(request(std::string(991, 'n')).size(), request(std::string(992, 'n'))), "1023|none");
 }

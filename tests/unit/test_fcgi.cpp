@@ -19,14 +19,16 @@ TEST(Fcgi, ParametersAreEncodedByteForByte) {
         const std::size_t length = serialize_name_value(pair, {name, value});
         return fields(length, pair);
     };
-    EXPECT_EQ(encoded("SCRIPT_NAME", "/s"), "15|\x0B\x02SCRIPT_NAME/s");
-    const std::string longest(200, 'v');
-    EXPECT_EQ(encoded("N", longest), "206|" + std::string("\x01\xC8\0\0\0N", 6) + longest);
-    EXPECT_EQ(encoded(longest.substr(0, 127), ""),
-              "129|" + std::string("\x7F\0", 2) + longest.substr(0, 127));
+    const std::string longer(128, 'v'), short_one(127, 'n');
+    EXPECT_EQ(encoded("N", longer), "134|" + std::string("\x01\x80\0\0\0N", 6) + longer);
+    EXPECT_EQ(encoded(short_one, ""), "129|" + std::string("\x7F\0", 2) + short_one);
 }
 
 TEST(Fcgi, AnswersMayBeSplitAnywhere) {
+    const std::string empty = record_of(6, "", 0);
+    fcgi_record without_content;
+    std::span<const char> header(empty);
+    EXPECT_EQ(fcgi_process_record(header, without_content), fcgi_progress::incomplete);
     const std::string output = record_of(6, "accepted conn: 120\n", 3);
     const std::string answer = output + record_of(3, "12345678", 0);
     for (std::size_t split = 0; split <= answer.size(); ++split) {

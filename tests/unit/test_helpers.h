@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -41,9 +43,23 @@ inline std::string printed_document(bson_t& document) {
 inline void expect_golden(const std::string& name, const std::string& text) {
     const std::string path = std::string(GOLDEN_DIR) + "/" + name;
     if (std::getenv("TARN_REWRITE_GOLDEN") != nullptr) std::ofstream(path) << text;
-    std::stringstream golden;
-    golden << std::ifstream(path).rdbuf();
-    EXPECT_EQ(golden.str(), text);
+    std::ifstream golden(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(golden), {}), text);
+}
+
+/// Calls a function with the text before the last " -> " of each line of a golden file, and expects the text
+/// after it. A line feed in either text is written as "\n".
+template <typename Call>
+void expect_table(const std::string& name, Call call) {
+    std::ifstream rows(std::string(GOLDEN_DIR) + "/" + name);
+    std::string text;
+    for (std::string row; std::getline(rows, row);) {
+        const std::string input = row.substr(0, row.rfind(" -> "));
+        const std::string result = call(std::regex_replace(input, std::regex(R"(\\n)"), "\n"));
+        text += input + " -> " + std::regex_replace(result, std::regex("\n"), R"(\n)") + "\n";
+    }
+    EXPECT_FALSE(text.empty()) << name;
+    expect_golden(name, text);
 }
 
 /// A counter with the data blocks of its kind, zero-filled or made by init from a configuration text.
