@@ -31,8 +31,9 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr auto connect_timeout = std::chrono::seconds(1);
 constexpr auto orphan_lifetime = std::chrono::seconds(30);
-/// A message is a few kilobytes; a stream whose object grows beyond this did not come from the engine.
-constexpr std::size_t max_pending = std::size_t{1} << 20U;
+/// A message is a few kilobytes; a stream whose object grows beyond this did not come from the engine. A
+/// hundred of them must not take more than some 40 MB.
+constexpr std::size_t max_pending = std::size_t{384} << 10U;
 
 void docker_log_ch(const char* message) {
     std::printf("[docker-child] %s\n", message);

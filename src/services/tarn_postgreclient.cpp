@@ -1,4 +1,5 @@
-// Loads libpq and calls it through twelve required and two optional functions that are looked up in it.
+// Loads libpq and calls it through twelve required and two optional functions that are looked up in it. Takes
+// the place of one function that libpq calls itself.
 #include "services/tarn_postgreclient.h"
 
 #include <fcntl.h>
@@ -39,6 +40,8 @@ struct {
     int (*socket)(const pg_conn* connection);  // this and the next may be null
     void (*(*setNoticeProcessor)(pg_conn* connection, void (*processor)(void* data, const char* message),
                                  void* data))(void* data, const char* message);
+    /// Of libcrypto, which libpq depends on.
+    int (*hmacInit)(void* context, const void* key, int length, const void* method, void* engine);
 } library;
 
 /// Looks up a function; null when the library lacks it.
@@ -50,6 +53,7 @@ void look_up_optional(void* handle, const char* name, Function& function) {
 bool look_up_all(void* handle) {
     look_up_optional(handle, "PQsocket", library.socket);
     look_up_optional(handle, "PQsetNoticeProcessor", library.setNoticeProcessor);
+    look_up_optional(handle, "HMAC_Init_ex", library.hmacInit);
     return tarn::look_up(handle, "PQconnectdb", library.connectdb) &&
            tarn::look_up(handle, "PQsetdbLogin", library.setdbLogin) &&
            tarn::look_up(handle, "PQstatus", library.status) &&
@@ -106,6 +110,15 @@ int init_postgre_lib() {
     set_default("KRB5CCNAME", "MEMORY:");
     config.postgre_handle = tarn::open_library(path.c_str());
     return config.postgre_handle != nullptr && look_up_all(config.postgre_handle) ? 1 : 0;
+}
+
+/// Takes the place of libcrypto's function, which libpq calls for each iteration of a SCRAM login. The server
+/// chooses how many iterations there are, up to 2^31, which take more than an hour; meanwhile libpq looks at
+/// no socket. Once the time of the call is over, this function fails, and with it the login.
+extern "C" [[gnu::used]] int HMAC_Init_ex(void* context, const void* key, int length, const void* method,
+                                          void* engine) {
+    if (library.hmacInit == nullptr || tarn::has_guarded_call_expired()) return 0;
+    return library.hmacInit(context, key, length, method, engine);
 }
 
 namespace tarn {

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include "support/tarn_deadline.h"
 
 namespace tarn {
 
-/// Bounds one library call that might block without a limit. When the time is over, the socket is shut down
-/// repeatedly, so that the library sees its connection end. A call that took too long is reported to the
-/// budget of the cycle. Only one object may exist at a time.
+/// Bounds one library call that might block without a limit, or keep whatever its server sends. When the time
+/// is over, or the call has used one second of CPU time, the socket is shut down repeatedly, so that the
+/// library sees its connection end. Such a call is reported to the budget of the cycle. A call that would add
+/// more than 16 MiB to the process runs out of memory. Only one object may exist at a time.
 class socket_deadline final {
   public:
     using duration = deadline::clock::duration;
@@ -21,11 +24,15 @@ class socket_deadline final {
   private:
     duration timeout_;
     deadline::clock::time_point start_ = deadline::clock::now();
+    rlimit memory_limit_{};  ///< that of the process, restored after the call
 };
 
 /// Ends the current bounded call, if any, so that a stop does not wait for it. May be called from a signal
 /// handler.
 void shut_guarded_socket();
+
+/// True when the socket of the current bounded call has been shut down.
+bool has_guarded_call_expired();
 
 /// The descriptor that the next socket of this process will have: the lowest free one.
 int next_descriptor();
