@@ -87,7 +87,9 @@ tarn_docker_container_state_t state_of(const nx_json& root, tarn_docker_containe
     return before;
 }
 
-void read_answer(const nx_json& root, tarn_docker_container_t& container, char (&status)[19]) {
+}  // namespace
+
+void docker_read_answer(const nx_json& root, tarn_docker_container_t& container, char (&status)[19]) {
     container.running = json_get_bool_by_path(root, "State.Running") == 1 ? 1 : 0;
     json_get_str_by_path(root, "State.Status", status, sizeof status);
     if (std::string_view(status) == "exited") container.state = TARN_DOCKER_CONT_STATE_EXITED;
@@ -95,6 +97,8 @@ void read_answer(const nx_json& root, tarn_docker_container_t& container, char (
         container.running != 0 ? TARN_DOCKER_CONT_STATE_RUNNING : state_of(root, container.state);
     json_get_str_by_path(root, "NetworkSettings.IPAddress", container.ip, sizeof container.ip);
 }
+
+namespace {
 
 /// Orders a refresh: containers that the engine answered for in table order, then the others, least recently
 /// asked first.
@@ -199,7 +203,7 @@ int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::de
     if (index < 0) return -1;
     const auto at = static_cast<std::size_t>(index);
     char status[19] = "";
-    read_answer(*root, docker.containers[at], status);
+    docker_read_answer(*root, docker.containers[at], status);
     publish(docker, at);
     trace("[docker] Updated container info for '%s'\n\tindex\t%d\n\tstatus\t'%s'\n\tcpu\t%.2f%%\n",
           docker.containers[at].name, index, status, tarn_docker_cpu_usage(docker, at));

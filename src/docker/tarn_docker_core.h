@@ -9,6 +9,8 @@
 #include "support/tarn_files.h"
 #include "support/tarn_shared_memory.h"
 
+struct nx_json;
+
 /// The state of a container, as reported by the engine.
 enum tarn_docker_container_state_t : int {
     TARN_DOCKER_CONT_STATE_RUNNING,
@@ -91,6 +93,9 @@ int tarn_docker_add_container(tarn_docker& docker, std::string_view name);
 /// Asks the engine about one container and adds it to the table if it is new. Returns its index, or -1 when
 /// there is no answer by `latest` or the table is full.
 int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest);
+
+/// Fills a container from the engine's answer about it; `status` receives the engine's word for the state.
+void docker_read_answer(const nx_json& root, tarn_docker_container_t& container, char (&status)[19]);
 
 /// Begins a cycle: an engine that timed out may be asked again. `docker` may be null.
 void tarn_docker_begin_cycle(tarn_docker* docker);
