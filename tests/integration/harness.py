@@ -18,6 +18,7 @@ import bson
 BUILD = Path(os.environ.get("TARN_BUILD", Path(__file__).parents[2] / "build-dev"))
 PID_FILE = Path("/var/run/tarn.pid")
 libc = ctypes.CDLL(None)
+libc.shmat.restype = ctypes.c_void_p
 os.environ["LSAN_OPTIONS"] = f"print_suppressions=0:suppressions={Path(__file__).parent}/lsan.supp"
 
 
@@ -206,6 +207,26 @@ def shm_blocks():
     """The shared-memory blocks that exist, by their keys."""
     rows = [row.split() for row in Path("/proc/sysvipc/shm").read_text().splitlines()[1:]]
     return {int(row[0]): {"size": int(row[3]), "attached": int(row[6]), "owner": int(row[9])} for row in rows}
+
+
+@contextlib.contextmanager
+def scribbling(key):
+    """Random bytes go into a block of shared memory all the time, as from a user."""
+    size, done = wait_for(lambda: shm_blocks().get(key))["size"], threading.Event()
+    address = libc.shmat(libc.shmget(key, 0, 0), None, 0)
+
+    def scribble():
+        while not done.is_set():
+            ctypes.memmove(address, os.urandom(size), size)
+
+    scribbler = threading.Thread(target=scribble, daemon=True)
+    scribbler.start()
+    try:
+        yield
+    finally:
+        done.set()
+        scribbler.join()
+        libc.shmdt(ctypes.c_void_p(address))
 
 
 def drawn_second(moment, interval):

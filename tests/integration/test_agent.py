@@ -82,6 +82,18 @@ def test_a_stop_signal_ends_it_at_once_and_cleanly(tmp_path, signum):
     assert status == 0 and seconds < 2
 
 
+def test_a_pid_file_that_is_something_else_is_left_alone(tmp_path):
+    victim = tmp_path / "victim"
+    for plant in (lambda: PID_FILE.symlink_to(victim), lambda: (victim.write_text("1"), PID_FILE.symlink_to(victim)),
+                  PID_FILE.mkdir, lambda: os.mkfifo(PID_FILE)):
+        plant()
+        kind, before = PID_FILE.lstat().st_mode, victim.exists() and victim.read_text()
+        with Collector() as collector, Agent(tmp_path, collector.config()):
+            collector.report()
+        assert (PID_FILE.lstat().st_mode, victim.exists() and victim.read_text()) == (kind, before)
+        PID_FILE.rmdir() if PID_FILE.is_dir() else PID_FILE.unlink()
+
+
 def test_a_second_stop_signal_ends_an_agent_that_hangs(tmp_path):
     host = FakeHost(tmp_path)
     os.mkfifo(fifo := host.root / "os-release")

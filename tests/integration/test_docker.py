@@ -9,7 +9,7 @@ import time
 from pathlib import Path
 
 from fake_server import MYSQL_GREETING, FakeServer, captured
-from harness import Agent, Collector, children, flat, shm_blocks, template, wait_for
+from harness import Agent, Collector, children, flat, scribbling, shm_blocks, template, wait_for
 from real_servers import Docker
 
 SOCKET = Path("/run/docker.sock")
@@ -100,6 +100,17 @@ def test_a_broken_engine_leaves_everything_else_alone(tmp_path, redis):
             assert set(report["docker"]) == set(known)
     agent.has_said("select() returned 0\n",
                    *(f"[redis] Cannot resolve IP for container '{name}'\n" for name in [*failing, "n" * 127]))
+
+
+def test_a_table_that_anybody_scribbles_over_harms_nobody(tmp_path, redis):
+    streams = {"c": [(statistics(100), 0.01)]}
+    with Engine({"c": inspection(Running=True)}, streams) as engine, Collector() as collector:
+        with Agent(tmp_path, collector.config(lines("c", redis.port))) as agent:
+            with scribbling(8):  # from before the statistics process reads the names
+                reports = collector.reports(6)
+            assert all("c" in report["redises"] and report["docker"]["c"]["state"] == "running" for report in reports)
+            assert all(b"GET /containers/c/" in request for request in engine.requests)
+            assert len(children(agent.pid)) == 1  # the statistics process
 
 
 def test_no_engine_is_said_and_no_more(tmp_path, redis):
