@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 
 from fake_server import MYSQL_GREETING, FakeServer, captured, mysql_packet, reset
-from harness import BUILD, Agent, Collector
+from harness import BUILD, Agent, Collector, wait_for
 
 REPLIES = int(os.environ.get("TARN_HOSTILE_REPLIES", 40))
 FLOOD = 64 << 20
@@ -179,5 +179,5 @@ def test_floods(tmp_path, redis):
         lines.append(LINES["postgresql"].format("path", "/run:5432"))
         with running(tmp_path, "\n".join(lines) + "\n", redis) as (reports, collector):
             reports += collector.reports(8)
-            assert all(server.lasted for server in servers)
+            wait_for(lambda: all(server.lasted for server in servers))
     Path("/run/.s.PGSQL.5432").unlink()
