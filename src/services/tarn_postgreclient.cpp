@@ -2,6 +2,7 @@
 // the place of one function that libpq calls itself.
 #include "services/tarn_postgreclient.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -40,8 +41,6 @@ struct {
     int (*socket)(const pg_conn* connection);  // this and the next may be null
     void (*(*setNoticeProcessor)(pg_conn* connection, void (*processor)(void* data, const char* message),
                                  void* data))(void* data, const char* message);
-    /// Of libcrypto, which libpq depends on.
-    int (*hmacInit)(void* context, const void* key, int length, const void* method, void* engine);
 } library;
 
 /// Looks up a function; null when the library lacks it.
@@ -53,7 +52,6 @@ void look_up_optional(void* handle, const char* name, Function& function) {
 bool look_up_all(void* handle) {
     look_up_optional(handle, "PQsocket", library.socket);
     look_up_optional(handle, "PQsetNoticeProcessor", library.setNoticeProcessor);
-    look_up_optional(handle, "HMAC_Init_ex", library.hmacInit);
     return tarn::look_up(handle, "PQconnectdb", library.connectdb) &&
            tarn::look_up(handle, "PQsetdbLogin", library.setdbLogin) &&
            tarn::look_up(handle, "PQstatus", library.status) &&
@@ -66,6 +64,18 @@ bool look_up_all(void* handle) {
            tarn::look_up(handle, "PQerrorMessage", library.errorMessage) &&
            tarn::look_up(handle, "PQclear", library.clear) &&
            tarn::look_up(handle, "PQfinish", library.finish);
+}
+
+using hmac_init = int (*)(void* context, const void* key, int length, const void* method, void* engine);
+
+/// libcrypto's function, found through the library at this address, which depends on it.
+hmac_init original_of(const void* caller) {
+    Dl_info info{};
+    if (::dladdr(caller, &info) == 0) return nullptr;
+    void* const library_of_caller = ::dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+    void* const found =
+        library_of_caller != nullptr ? tarn::find_function(library_of_caller, "HMAC_Init_ex") : nullptr;
+    return reinterpret_cast<hmac_init>(found);
 }
 
 std::string_view view_of(const char* text) {
@@ -112,13 +122,15 @@ int init_postgre_lib() {
     return config.postgre_handle != nullptr && look_up_all(config.postgre_handle) ? 1 : 0;
 }
 
-/// Takes the place of libcrypto's function, which libpq calls for each iteration of a SCRAM login. The server
-/// chooses how many iterations there are, up to 2^31, which take more than an hour; meanwhile libpq looks at
-/// no socket. Once the time of the call is over, this function fails, and with it the login.
+/// Takes the place of libcrypto's function for all libraries. libpq calls it for each iteration of a SCRAM
+/// login. The server chooses how many iterations there are, up to 2^31, which take more than an hour;
+/// meanwhile libpq looks at no socket. Once the time of the call is over, this function fails, and with it
+/// the login.
 extern "C" [[gnu::used]] int HMAC_Init_ex(void* context, const void* key, int length, const void* method,
                                           void* engine) {
-    if (library.hmacInit == nullptr || tarn::has_guarded_call_expired()) return 0;
-    return library.hmacInit(context, key, length, method, engine);
+    static const hmac_init original = original_of(__builtin_return_address(0));
+    const bool may_go_on = original != nullptr && !tarn::has_guarded_call_expired();
+    return may_go_on ? original(context, key, length, method, engine) : 0;
 }
 
 namespace tarn {
