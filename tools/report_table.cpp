@@ -16,14 +16,24 @@ constexpr report_row gauge(std::string_view key, bson type, std::string_view uni
     return {key, type, unit, name, scale, figure_rule::gauge, meaning};
 }
 
+constexpr report_row total(std::string_view key, std::string_view unit, std::string_view name,
+                           std::string_view meaning) {
+    return {key, bson::int64, unit, name, 1, figure_rule::total, meaning};
+}
+
 constexpr report_row percentage(std::string_view key, std::string_view unit, std::string_view name,
-                                std::string_view meaning, double scale) {
-    return {key, bson::int64, unit, name, scale, figure_rule::percentage, meaning};
+                                std::string_view meaning, bson type = bson::int64) {
+    return {key, type, unit, name, 0.01, figure_rule::percentage, meaning};
 }
 
 constexpr report_row rate(std::string_view key, std::string_view unit, std::string_view name,
                           std::string_view meaning, double scale = 1) {
     return {key, bson::int64, unit, name, scale, figure_rule::rate, meaning};
+}
+
+constexpr report_row change(std::string_view key, std::string_view unit, std::string_view name,
+                            std::string_view meaning) {
+    return {key, bson::int64, unit, name, 1, figure_rule::change, meaning};
 }
 
 constexpr report_row rate32(std::string_view key, std::string_view unit, std::string_view name,
@@ -88,15 +98,15 @@ constexpr report_row mem_rows[] = {
 
 constexpr report_row cpu_rows[] = {
     unexported("ok", bson::int64, "", "1: this sample and the one before are good"),
-    percentage("guest", "%", "guest_ratio", "ninth number", 0.01),
-    percentage("idle", "%", "idle_ratio", "fourth", 0.01),
-    percentage("iowait", "%", "iowait_ratio", "fifth", 0.01),
-    percentage("irq", "%", "irq_ratio", "sixth", 0.01),
-    percentage("nice", "%", "nice_ratio", "second", 0.01),
-    percentage("softirq", "%", "softirq_ratio", "seventh", 0.01),
-    percentage("steal", "%", "steal_ratio", "eighth", 0.01),
-    percentage("system", "%", "system_ratio", "third", 0.01),
-    percentage("user", "%", "user_ratio", "first", 0.01),
+    percentage("guest", "%", "guest_ratio", "ninth number"),
+    percentage("idle", "%", "idle_ratio", "fourth"),
+    percentage("iowait", "%", "iowait_ratio", "fifth"),
+    percentage("irq", "%", "irq_ratio", "sixth"),
+    percentage("nice", "%", "nice_ratio", "second"),
+    percentage("softirq", "%", "softirq_ratio", "seventh"),
+    percentage("steal", "%", "steal_ratio", "eighth"),
+    percentage("system", "%", "system_ratio", "third"),
+    percentage("user", "%", "user_ratio", "first"),
 };
 
 constexpr report_row socket_rows[] = {
@@ -139,18 +149,19 @@ constexpr report_row disks_rows[] = {
          "sectors written, 512 bytes each", 512),
     gauge("avio", bson::float64, "ms per operation", "operation_seconds",
           "`tticks` ÷ (`rbytes` + `wbytes`), of the truncated rates; 0 without operations", 0.001),
-    gauge("busy", bson::float64, "% busy", "busy_ratio",
-          "`tticks` × I × 100 ÷ elapsed ms, where elapsed is the CPU time of the interval per CPU, from the "
-          "nine changes of [cpu](#cpu); 0 while those are not good",
-          0.01),
+    percentage(
+        "busy", "% busy", "busy_ratio",
+        "`tticks` × I × 100 ÷ elapsed ms, where elapsed is the CPU time of the interval per CPU, from the "
+        "nine changes of [cpu](#cpu); 0 while those are not good",
+        bson::float64),
 };
 
 constexpr report_row net_rows[] = {
     unexported("ok", bson::int64, "", "always 1"),
     unexported("name", bson::text, "", "interface"),
-    rate("rbytes", "bit/s received", "received_bits_per_second",
-         "first number, bytes received: truncated /s × 8: **bits**, not bytes"),
-    rate("sbytes", "bit/s sent", "sent_bits_per_second", "ninth number, bytes sent; likewise"),
+    rate("rbytes", "bit/s received", "received_bytes_per_second",
+         "first number, bytes received: truncated /s × 8: **bits**, not bytes", 0.125),
+    rate("sbytes", "bit/s sent", "sent_bytes_per_second", "ninth number, bytes sent; likewise", 0.125),
 };
 
 constexpr report_row memcaches_rows[] = {
@@ -174,9 +185,9 @@ constexpr report_row beanstalks_rows[] = {
     rate("put", "jobs per minute", "puts_per_minute", "`cmd-put`; /min"),
     rate("cdelete", "jobs per minute", "deletes_per_minute", "`cmd-delete`; /min"),
     gauge("uptime", bson::int64, "seconds", "uptime_seconds", "`uptime`; gauge"),
-    gauge("timeout", bson::int64, "jobs", "job_timeouts", "`job-timeouts`; total since the server's start"),
-    rate("connections", "change per minute", "connections_change_per_minute",
-         "`current-connections`; change/min"),
+    total("timeout", "jobs", "job_timeouts_total", "`job-timeouts`; total since the server's start"),
+    change("connections", "change per minute", "connections_change_per_minute",
+           "`current-connections`; change/min"),
 };
 
 constexpr report_row custom_rows[] = {
@@ -259,33 +270,34 @@ constexpr report_row postgre_rows[] = {
     unexported("ok", bson::int64, "", "1"),
     rate("cmtd", "per minute", "commits_per_minute", "sum of `xact_commit` over `pg_stat_database`; /min"),
     rate("rolbck", "per minute", "rollbacks_per_minute", "always 0; rollbacks are not counted"),
-    gauge("chk_t", bson::int64, "checkpoints", "timed_checkpoints",
+    total("chk_t", "checkpoints", "timed_checkpoints_total",
           "`checkpoints_timed` of `pg_stat_bgwriter`; total"),
-    gauge("chk_seg", bson::int64, "checkpoints", "requested_checkpoints", "`checkpoints_req`; total"),
+    total("chk_seg", "checkpoints", "requested_checkpoints_total", "`checkpoints_req`; total"),
     gauge("all_con", bson::int64, "sessions", "sessions",
           "rows of `pg_stat_activity`, waiting or not; gauge. Background processes count from version 10 on"),
-    rate("actv_con", "change per minute", "active_sessions_change_per_minute",
-         "sessions with `state` \"active\"; change/min"),
-    rate("idle_con", "change per minute", "idle_sessions_change_per_minute", "\"idle\"; change/min"),
-    rate("i_in_tr_con", "change per minute", "idle_in_transaction_change_per_minute",
-         "\"idle in transaction\"; change/min"),
-    rate("lock_con", "change per minute", "waiting_sessions_change_per_minute",
-         "sessions that wait; change/min. From version 9.6 on those with a `wait_event_type` of any kind, "
-         "idle clients and background processes among them; before, `waiting`"),
-    gauge("buf_chk", bson::int64, "buffers", "checkpoint_buffers",
+    change("actv_con", "change per minute", "active_sessions_change_per_minute",
+           "sessions with `state` \"active\"; change/min"),
+    change("idle_con", "change per minute", "idle_sessions_change_per_minute", "\"idle\"; change/min"),
+    change("i_in_tr_con", "change per minute", "idle_in_transaction_change_per_minute",
+           "\"idle in transaction\"; change/min"),
+    change("lock_con", "change per minute", "waiting_sessions_change_per_minute",
+           "sessions that wait; change/min. From version 9.6 on those with a `wait_event_type` of any kind, "
+           "idle clients and background processes among them; before, `waiting`"),
+    total("buf_chk", "buffers", "checkpoint_buffers_total",
           "`buffers_checkpoint` of `pg_stat_bgwriter`; total"),
-    gauge("buf_clean", bson::int64, "times", "cleaner_stops",
+    total("buf_clean", "times", "cleaner_stops_total",
           "holds `maxwritten_clean`, not `buffers_clean`; total"),
     unexported("maxw_clean", bson::int64, "", "always 0"),
-    gauge("buf_b", bson::int64, "buffers", "backend_buffers", "`buffers_backend`; total"),
-    gauge("buf_b_fsync", bson::int64, "calls", "backend_fsyncs", "`buffers_backend_fsync`; total"),
-    gauge("buf_alloc", bson::int64, "buffers", "allocated_buffers", "`buffers_alloc`; total"),
-    rate("slo_all", "change per minute", "slow_statements_change_per_minute",
-         "statements of `pg_stat_activity` in state \"active\" since more than `slow_query_sec`; change/min"),
-    rate("slo_dml", "change per minute", "slow_writes_change_per_minute",
-         "of these, those that begin with insert, update or delete; change/min"),
-    rate("slo_sel", "change per minute", "slow_selects_change_per_minute",
-         "of these, those that begin with select; change/min"),
+    total("buf_b", "buffers", "backend_buffers_total", "`buffers_backend`; total"),
+    total("buf_b_fsync", "calls", "backend_fsyncs_total", "`buffers_backend_fsync`; total"),
+    total("buf_alloc", "buffers", "allocated_buffers_total", "`buffers_alloc`; total"),
+    change(
+        "slo_all", "change per minute", "slow_statements_change_per_minute",
+        "statements of `pg_stat_activity` in state \"active\" since more than `slow_query_sec`; change/min"),
+    change("slo_dml", "change per minute", "slow_writes_change_per_minute",
+           "of these, those that begin with insert, update or delete; change/min"),
+    change("slo_sel", "change per minute", "slow_selects_change_per_minute",
+           "of these, those that begin with select; change/min"),
 };
 
 constexpr report_row sphinx_rows[] = {
@@ -378,7 +390,7 @@ constexpr report_row fpm_rows[] = {
     gauge("total", bson::int64, "processes", "processes", "`total processes:`; gauge"),
     gauge("lqueue", bson::int64, "connections", "listen_queue_size",
           "`listen queue len:`, the **size** of the listen queue, not how many wait; gauge"),
-    gauge("max_children", bson::int64, "times", "max_children_reached",
+    total("max_children", "times", "max_children_reached_total",
           "`max children reached:`; total since the pool's start"),
 };
 

@@ -6,21 +6,25 @@
 /// The types of the report's elements, as BSON names them.
 enum class bson { float64, text, document, array, int32, int64 };
 
-/// How a figure behaves when its source starts again from 0.
+/// How a figure behaves when its source starts again from 0 or falls.
 enum class figure_rule {
     gauge,       ///< it stands for itself
-    percentage,  ///< wraps around in 64 bits; never above 100 otherwise
-    rate,        ///< wraps around in 64 bits
-    rate32       ///< wraps around in 32 bits
+    total,       ///< it starts again from 0
+    percentage,  ///< wraps around in 64 bits; never above 100 otherwise, or little above when it is a double
+    rate,        ///< of a total, wraps around in 64 bits
+    rate32,      ///< of a total, wraps around in 32 bits
+    change       ///< of a gauge, a fall wraps around in 64 bits
 };
 
 /// One element of a section of the report.
 struct report_row {
     std::string_view key;
     bson type;
-    std::string_view unit;         ///< printed after the value; empty for a flag, a code, a text
-    std::string_view export_name;  ///< for other systems, with the base unit at its end; empty: not exported
-    double scale;                  ///< factor from the reported unit to that of the exported figure
+    std::string_view unit;  ///< printed after the value; empty for a flag, a code, a text
+    /// For other systems, with the base unit at its end; empty: not exported. A text is exported as 1 when it
+    /// equals this name and as 0 otherwise.
+    std::string_view export_name;
+    double scale;  ///< factor from the reported unit to that of the exported figure
     figure_rule rule;
     std::string_view meaning;  ///< source and rule, in Markdown
 };
