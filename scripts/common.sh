@@ -10,7 +10,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 # What the agent and the receiver are built from.
-build_packages=(cmake make g++ libbson-dev libssl-dev libudns-dev rapidjson-dev libcli11-dev)
+build_packages=(cmake make g++ libbson-dev libssl-dev libudns-dev rapidjson-dev libcli11-dev \
+    libcurl4-openssl-dev libmicrohttpd-dev zlib1g-dev pkg-config)
 
 # Installs those of the named packages that are missing.
 install_missing() {
@@ -20,7 +21,16 @@ install_missing() {
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${#missing[@]} packages: ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    (
+        # Servers that are needed here are started by the scripts, not by their packages.
+        policy=/usr/sbin/policy-rc.d
+        if [ ! -e "$policy" ]; then
+            printf '#!/bin/sh\nexit 101\n' >"$policy"
+            chmod +x "$policy"
+            trap 'rm -f "$policy"' EXIT
+        fi
+        export DEBIAN_FRONTEND=noninteractive
+        apt-get update -qq
+        apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    )
 }

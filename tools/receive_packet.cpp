@@ -77,26 +77,29 @@ const char* signature_fault(std::span<const std::uint8_t> document, std::span<co
                                                                                   : "wrong signature";
 }
 
-received_packet rejected(std::string fault) {
-    return {{}, false, std::move(fault)};
+received_packet rejected(const char* reason, std::string fault = {}) {
+    return {{}, false, fault.empty() ? reason : std::move(fault), reason};
 }
 
 }  // namespace
 
-received_packet check_packet(std::span<const std::uint8_t> packet, std::string_view secret) {
+received_packet check_packet(std::span<const std::uint8_t> packet, const receive_secrets& secrets) {
     if (packet.size() < min_document_size) return rejected("shorter than any document");
     const std::size_t length = document_length(packet);
     const bool is_signed = packet.size() == length + signature_length;
     if (packet.size() != length && !is_signed) {
-        return rejected("a document of " + std::to_string(length) + " bytes does not fit a packet of " +
-                        std::to_string(packet.size()));
+        return rejected("wrong length", "a document of " + std::to_string(length) +
+                                            " bytes does not fit a packet of " +
+                                            std::to_string(packet.size()));
     }
     const auto document = packet.first(length);
     // A packet from a sender without the secret must not reach the BSON parser.
-    if (!secret.empty()) {
-        const char* const fault = signature_fault(document, packet.subspan(length), secret);
+    if (secrets.are_checked()) {
+        const std::string* const secret = secrets.find(document);
+        const char* const fault =
+            secret == nullptr ? "unknown host" : signature_fault(document, packet.subspan(length), *secret);
         if (fault != nullptr) return rejected(fault);
     }
     if (!is_valid_bson(document, max_levels)) return rejected("not valid BSON");
-    return {document, is_signed, {}};
+    return {document, is_signed, {}, ""};
 }

@@ -4,11 +4,13 @@
 #include <bson/bson.h>
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string_view>
 
+#include "report_bson.h"
 #include "report_table.h"
 
 namespace {
@@ -22,20 +24,16 @@ std::string_view unit_of(std::string_view section, std::string_view key) {
     return row != nullptr ? row->unit : std::string_view{};
 }
 
-bool is_container(const bson_iter_t& element) {
-    return BSON_ITER_HOLDS_DOCUMENT(&element) || BSON_ITER_HOLDS_ARRAY(&element);
-}
-
 /// The section of a container's figures. Only the elements of "mycustoms" are of several kinds; each names
 /// its kind under "report".
 std::string section_within(const bson_iter_t& container, const std::string& parent_section,
                            std::size_t depth) {
     if (depth == 0) return bson_iter_key(&container);
-    bson_iter_t kind;
-    const bool names_kind = depth == 1 && parent_section == "mycustoms" &&
-                            bson_iter_recurse(&container, &kind) && bson_iter_find(&kind, "report") &&
-                            BSON_ITER_HOLDS_UTF8(&kind);
-    return names_kind ? bson_iter_utf8(&kind, nullptr) : parent_section;
+    bson_iter_t children;
+    if (depth != 1 || parent_section != "mycustoms" || !bson_iter_recurse(&container, &children))
+        return parent_section;
+    const std::string_view kind = text_of(children, "report");
+    return kind.empty() ? parent_section : std::string(kind);
 }
 
 /// True when the keys of the container's elements are "0", "1", ... as in an ordinary array.
@@ -48,29 +46,46 @@ bool is_positional(const bson_iter_t& container) {
     return true;
 }
 
-void copy_elements(bson_iter_t& elements, bson_t& copy);
+/// Copies elements into documents that JSON can show.
+class json_copy final {
+  public:
+    /// `is_plain`: the families at the top are objects even when they are empty or numbered, and what is not
+    /// a finite number is null.
+    explicit json_copy(bool is_plain) : is_plain_(is_plain) {}
 
-void copy_container(const bson_iter_t& element, bson_t& copy) {
+    void copy_elements(bson_iter_t& elements, bson_t& copy, int depth) const;
+
+  private:
+    void copy_container(const bson_iter_t& element, bson_t& copy, int depth) const;
+
+    bool is_plain_;
+};
+
+void json_copy::copy_container(const bson_iter_t& element, bson_t& copy, int depth) const {
     const char* const key = bson_iter_key(&element);
     bson_iter_t children;
     bson_t child;
     bson_iter_recurse(&element, &children);
-    if (BSON_ITER_HOLDS_ARRAY(&element) && is_positional(element)) {
+    const bool is_family = is_plain_ && depth == 0;
+    if (BSON_ITER_HOLDS_ARRAY(&element) && !is_family && is_positional(element)) {
         bson_append_array_begin(&copy, key, -1, &child);
-        copy_elements(children, child);
+        copy_elements(children, child, depth + 1);
         bson_append_array_end(&copy, &child);
     } else {
         bson_append_document_begin(&copy, key, -1, &child);
-        copy_elements(children, child);
+        copy_elements(children, child, depth + 1);
         bson_append_document_end(&copy, &child);
     }
 }
 
-/// Copies elements. An array whose elements have names becomes a document.
-void copy_elements(bson_iter_t& elements, bson_t& copy) {
+/// An array whose elements have names becomes a document.
+void json_copy::copy_elements(bson_iter_t& elements, bson_t& copy, int depth) const {
     while (bson_iter_next(&elements)) {
         if (is_container(elements)) {
-            copy_container(elements, copy);
+            copy_container(elements, copy, depth);
+        } else if (is_plain_ && BSON_ITER_HOLDS_DOUBLE(&elements) &&
+                   !std::isfinite(bson_iter_double(&elements))) {
+            bson_append_null(&copy, bson_iter_key(&elements), -1);
         } else {
             bson_append_iter(&copy, nullptr, 0, &elements);
         }
@@ -92,27 +107,6 @@ std::size_t control_length(std::string_view text) {
     if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
     // U+0080 to U+009F. A terminal takes U+009B for ESC and "[".
     return byte(0) == 0xC2 && text.size() > 1 && byte(1) < 0xA0 ? 2 : 0;
-}
-
-/// Shows each control character as \u00XX, since it could change what the reader's terminal displays. In JSON
-/// these are U+007F to U+009F, which libbson does not escape.
-std::string printable(std::string_view text) {
-    std::string clean;
-    while (!text.empty()) {
-        const std::size_t length = control_length(text);
-        if (length == 0) {
-            clean += text.front();
-            text.remove_prefix(1);
-            continue;
-        }
-        // With either length the last byte equals the code point.
-        std::array<char, 8> escaped{};
-        std::snprintf(escaped.data(), escaped.size(), "\\u%04x",
-                      static_cast<unsigned char>(text[length - 1]));
-        clean += escaped.data();
-        text.remove_prefix(length);
-    }
-    return clean;
 }
 
 std::string value_text(const bson_iter_t& element) {
@@ -162,16 +156,58 @@ struct bson_text_free {
     void operator()(char* text) const { bson_free(text); }
 };
 
-}  // namespace
-
-std::string report_as_json(std::span<const std::uint8_t> document) {
+std::string json_text(std::span<const std::uint8_t> document, const json_copy& form) {
     bson_iter_t elements;
     if (!bson_iter_init_from_data(&elements, document.data(), document.size())) return {};
     bson_t copy = BSON_INITIALIZER;
-    copy_elements(elements, copy);
+    form.copy_elements(elements, copy, 0);
     const std::unique_ptr<char, bson_text_free> json(bson_as_relaxed_extended_json(&copy, nullptr));
     bson_destroy(&copy);
     return json ? printable(json.get()) : "";
+}
+
+}  // namespace
+
+// A control character could change what the reader's terminal displays. In JSON these are U+007F to U+009F,
+// which libbson does not escape.
+std::string printable(std::string_view text) {
+    std::string clean;
+    while (!text.empty()) {
+        const std::size_t length = control_length(text);
+        if (length == 0) {
+            clean += text.front();
+            text.remove_prefix(1);
+            continue;
+        }
+        // With either length the last byte equals the code point.
+        std::array<char, 8> escaped{};
+        std::snprintf(escaped.data(), escaped.size(), "\\u%04x",
+                      static_cast<unsigned char>(text[length - 1]));
+        clean += escaped.data();
+        text.remove_prefix(length);
+    }
+    return clean;
+}
+
+std::string time_text(std::chrono::system_clock::time_point moment) {
+    const auto since_1970 = std::chrono::duration_cast<std::chrono::milliseconds>(moment.time_since_epoch());
+    const std::time_t seconds = since_1970.count() / 1000;
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    std::array<char, 32> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text.data() + length, text.size() - length, ".%03dZ",
+                  static_cast<int>(since_1970.count() % 1000));
+    return text.data();
+}
+
+std::string report_as_json(std::span<const std::uint8_t> document) {
+    return json_text(document, json_copy(false));
+}
+
+std::string report_as_json_line(const arrival& from, std::span<const std::uint8_t> document) {
+    return R"({"sender":")" + from.sender + R"(","arrived":")" + time_text(from.time) + R"(","signature":")" +
+           from.signature + R"(","report":)" + json_text(document, json_copy(true)) + "}";
 }
 
 std::string report_as_text(std::span<const std::uint8_t> document) {

@@ -178,3 +178,19 @@ def check_restarts(collector, count, taken, kept):
         assert elements_where(lambda found: found[key][rate] == 0) == everything
         server.start()
         elements_where(lambda found: found[key][rate] > 0)
+
+
+class VictoriaMetrics(Server):
+    command = "victoria-metrics -storageDataPath=data -httpListenAddr=127.0.0.1:$port -search.latencyOffset=0s"
+
+
+class InfluxDb(Server):
+    config = "influxdb.conf"
+    command = "influxd -config influxdb.conf"
+
+
+class Prometheus(Server):
+    """Scrapes @target@ once a second and follows the rules in @rules@."""
+
+    config = "prometheus.yml"
+    command = "prometheus --config.file=prometheus.yml --storage.tsdb.path=data --web.listen-address=127.0.0.1:$port"

@@ -28,12 +28,12 @@ def send(port, *packets):
 
 
 @pytest.mark.parametrize("args, status, message", [
-    ("--help", 0, "--format TEXT:{pretty,json,raw}=pretty"),
+    ("--help", 0, "--format TEXT:{pretty,json,raw,jsonl,influx}=pretty"),
     ("--version", 0, "tarn-receive 0.6.3\n"),
     ("--port 65536", 1, "--port: Value 65536 not in range 0 to 65535"),
     ("--port 010", 1, '--port: "010" is not a decimal number'),
     ("--count -1", 1, '--count: "-1" is not a decimal number'),
-    ("--format xml", 1, "--format: xml not in {pretty,json,raw}"),
+    ("--format xml", 1, "--format: xml not in {pretty,json,raw,jsonl,influx}"),
     ("--address localhost", 1, "localhost is not an IPv4 address"),
     ("--secret a --secret-file /etc/hostname", 1, "--secret excludes --secret-file"),
     ("--secret-file /dev/null", 1, "no secret in /dev/null"),
