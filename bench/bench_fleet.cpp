@@ -80,6 +80,7 @@ unsigned long send_reports(const fleet_options& options, std::vector<std::uint8_
     std::uint8_t* const time_place = place_of(document, "time");
     const auto gap = std::chrono::duration<double>(options.interval) / options.hosts;
     const auto start = clock::now();
+    const auto start_time = static_cast<std::uint64_t>(std::time(nullptr));
     std::vector<std::uint8_t> packet;
     unsigned long sent = 0;
     const std::uint64_t total = std::uint64_t{options.reports} * options.hosts;
@@ -87,9 +88,10 @@ unsigned long send_reports(const fleet_options& options, std::vector<std::uint8_
         std::this_thread::sleep_until(
             start + std::chrono::duration_cast<clock::duration>(static_cast<double>(at) * gap));
         const auto id = static_cast<std::uint32_t>(at % options.hosts) + 1;
-        const auto now = static_cast<std::int32_t>(std::time(nullptr));
+        // The time at which it is due: a late report is as new as it would have been.
+        const auto due = static_cast<std::int32_t>(start_time + at / options.hosts * options.interval);
         std::memcpy(id_place, &id, sizeof id);
-        std::memcpy(time_place, &now, sizeof now);
+        std::memcpy(time_place, &due, sizeof due);
         sign(document, secret_of(id), packet);
         const ssize_t taken = ::sendto(socket.get(), packet.data(), packet.size(), 0,
                                        reinterpret_cast<const sockaddr*>(&to), sizeof to);
