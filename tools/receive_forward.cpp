@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "line_protocol.h"
 #include "receive_print.h"
@@ -230,8 +231,8 @@ std::string forwarder::answer_text(long status) const {
     return "HTTP " + std::to_string(status) + " " + printable(answer_.substr(0, answer_.find('\n')));
 }
 
-void forwarder::try_later(const std::string& reason) {
-    if (delay_ == 0ms) {
+void forwarder::try_later(long failure, const std::string& reason) {
+    if (failure != std::exchange(failure_, failure)) {
         std::fprintf(stderr, "tarn-receive: cannot forward: %s; reports wait\n", reason.c_str());
     }
     delay_ = std::clamp<std::chrono::milliseconds>(2 * delay_, first_delay, longest_delay);
@@ -253,10 +254,11 @@ void forwarder::finish(CURLcode result) {
     curl_multi_remove_handle(multi_.get(), easy_.get());
     is_sending_ = false;
     if (result != CURLE_OK) {
-        try_later(error_[0] != '\0' ? error_.data() : curl_easy_strerror(result));
+        try_later(-static_cast<long>(result), error_[0] != '\0' ? error_.data() : curl_easy_strerror(result));
     } else if (status / 100 == 2) {
         if (delay_ > 0ms) std::fprintf(stderr, "tarn-receive: forwards again\n");
         delay_ = 0ms;
+        failure_ = 0;
         is_full_ = false;
         takes_gzip_ = takes_gzip_ || !is_plain_;
         counts_.sent += batches_.front().reports;
@@ -267,7 +269,7 @@ void forwarder::finish(CURLcode result) {
     } else if (is_refusal(status)) {
         refuse(status);
     } else {
-        try_later(answer_text(status));
+        try_later(status, answer_text(status));
     }
 }
 

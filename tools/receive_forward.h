@@ -21,17 +21,17 @@ struct forward_options {
     std::size_t queue = 64;  ///< MiB of compressed lines that wait for the engine
 };
 
+/// What became of the reports so far.
+struct forward_counts {
+    unsigned long sent = 0;
+    unsigned long refused = 0;  ///< in batches that the engine called invalid
+    unsigned long dropped = 0;  ///< the queue was full
+};
+
 /// Sends reports as line protocol over HTTP, in compressed batches over one kept-alive connection. What the
 /// engine does not take now is kept and sent again, until the queue is full; then the oldest is dropped.
 class forwarder final {
   public:
-    /// Reports so far.
-    struct counts {
-        unsigned long sent = 0;
-        unsigned long refused = 0;  ///< in batches that the engine called invalid
-        unsigned long dropped = 0;  ///< the queue was full
-    };
-
     /// Returns what is wrong with the options; empty when they are good. Call once, before the others.
     std::string open(const forward_options& options);
 
@@ -44,7 +44,7 @@ class forwarder final {
     /// Sends until the queue is empty or the time has passed.
     void flush(std::chrono::milliseconds limit);
 
-    [[nodiscard]] const counts& reports() const { return counts_; }
+    [[nodiscard]] const forward_counts& reports() const { return counts_; }
     [[nodiscard]] unsigned long queued_reports() const { return queued_reports_ + pending_reports_; }
     [[nodiscard]] std::size_t queued_bytes() const { return queued_bytes_ + pending_.size(); }
 
@@ -65,7 +65,7 @@ class forwarder final {
     void finish(CURLcode result);
     void refuse(long status);
     [[nodiscard]] std::string answer_text(long status) const;
-    void try_later(const std::string& reason);
+    void try_later(long failure, const std::string& reason);
     void remove_first();
 
     std::unique_ptr<CURLM, tarn::closer<curl_multi_cleanup>> multi_;
@@ -81,7 +81,7 @@ class forwarder final {
     std::deque<batch> batches_;  ///< the first one is in flight while is_sending_
     std::size_t queued_bytes_ = 0;
     unsigned long queued_reports_ = 0;
-    counts counts_;
+    forward_counts counts_;
 
     bool is_sending_ = false;
     bool takes_gzip_ = false;  ///< the engine has taken a compressed body
@@ -91,5 +91,6 @@ class forwarder final {
     std::array<char, CURL_ERROR_SIZE> error_{};
     time_point next_try_;
     std::chrono::milliseconds delay_{0};  ///< before the next try; 0 while the engine answers
-    bool is_full_ = false;                ///< reports have been dropped since the engine last answered
+    long failure_ = 0;      ///< HTTP status or negative curl code of the last failure; 0 for none
+    bool is_full_ = false;  ///< reports have been dropped since the engine last answered
 };

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "line_protocol.h"
+#include "metrics_server.h"
 #include "receive_forward.h"
 #include "receive_hosts.h"
 #include "receive_metrics.h"

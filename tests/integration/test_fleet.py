@@ -180,7 +180,9 @@ def test_promtool_finds_nothing_wrong_with_any_metric_or_rule():
     for command, given in (["promtool", "check", "metrics"], text), (["promtool", "check", "rules", DOCS / "alerts.yml"], ""):
         done = subprocess.run(command, input=given, capture_output=True, text=True, timeout=20, check=False)
         assert (done.returncode, done.stderr) == (0, "")
-    json.loads((DOCS / "dashboard.json").read_text())
+    dashboard = json.dumps(json.loads((DOCS / "dashboard.json").read_text())["panels"])
+    used = set(re.findall(r"tarn_\w+", dashboard + (DOCS / "alerts.yml").read_text()))
+    assert len(used) > 15 and [name for name in used if f"# TYPE {name} " not in text] == []
 
 
 def test_nothing_is_lost_when_the_engine_restarts_under_load_and_at_the_end():
@@ -280,7 +282,7 @@ def test_an_engine_that_takes_no_gzip_fails_or_refuses(tmp_path):
             for number, (sent, refused) in enumerate([(1, 0), (1, 1), (2, 1)], 1):
                 receiver.send(report(1, number, ncpu=number))
                 receiver.wait_metric("tarn_receive_forwarded_reports_total", sent)
-                receiver.wait_metric('tarn_receive_dropped_reports_total{reason="refused"}', refused)
+                receiver.wait_metric("tarn_receive_refused_reports_total", refused)
     assert engine.encodings == [("gzip", 415), (None, 503), (None, 204), (None, 400), ("gzip", 204)]
     assert [body.split()[-1] for body in engine.bodies] == [b"1000000000", b"3000000000"]
     receiver.has_said("HTTP 503 ", "1 reports refused: HTTP 400 ")
@@ -300,7 +302,7 @@ def test_a_full_queue_drops_the_oldest_and_slow_clients_cost_a_descriptor():
         assert receiver.metric("tarn_receive_queued_bytes") < 2.1e6
         engine.statuses.clear()
         receiver.wait_metric("tarn_receive_queued_reports", 0)
-        dropped = receiver.metric('tarn_receive_dropped_reports_total{reason="queue full"}')
+        dropped = receiver.metric("tarn_receive_dropped_reports_total")
         assert 0 < dropped == 3999 - receiver.metric("tarn_receive_forwarded_reports_total")
         assert receiver.metric('tarn_receive_bad_packets_total{reason="idle",source="127.0.0.1"}') == 8
         for one in (slow, *idle):
