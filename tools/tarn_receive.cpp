@@ -37,7 +37,7 @@ constexpr auto rejection_gap = 1s;
 /// Longest time until a signal or a time-out is seen, and until a batch of lines is seen to be old enough.
 constexpr auto tick = 250ms;
 /// At the end the queue is sent for this long.
-constexpr auto flush_time = 4s;
+constexpr auto flush_time = 3500ms;
 
 volatile std::sig_atomic_t stopped = 0;
 volatile std::sig_atomic_t reread = 0;
@@ -245,7 +245,7 @@ void receiver::serve(int descriptor) {
 /// Takes what has come already and sends what is queued.
 void receiver::finish() {
     if (!options_.forward.url.empty()) {
-        const auto end = std::chrono::steady_clock::now() + flush_time / 4;
+        const auto end = std::chrono::steady_clock::now() + 1s;
         while (reader_.read(sockets_.datagrams.get(),
                             [this](const sockaddr_in& from, auto packet) {
                                 take_packet(name_of(from), packet);
