@@ -43,7 +43,7 @@ std::string row_of(std::string_view section, std::string_view key, bson type) {
 }
 
 /// The elements of one section or of one element in it.
-void collect(bson_iter_t children, std::string section, elements& sent) {
+void collect(bson_iter_t& children, std::string section, elements& sent) {
     while (bson_iter_next(&children)) {
         const std::string key = bson_iter_key(&children);
         const bool is_of_every_kind = key == "report" || key == "id";

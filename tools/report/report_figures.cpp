@@ -102,7 +102,8 @@ value_or_none exported_value(const report_row& row, const bson_iter_t& element, 
 }
 
 /// An integer among the children of an element.
-std::optional<std::int64_t> find_integer(bson_iter_t children, const char* key) {
+std::optional<std::int64_t> find_integer(const bson_iter_t& before_first, const char* key) {
+    bson_iter_t children = before_first;
     const bool found = bson_iter_find(&children, key) && BSON_ITER_HOLDS_INT(&children);
     return found ? std::optional(bson_iter_as_int64(&children)) : std::nullopt;
 }
@@ -112,7 +113,7 @@ class exporter final {
     exporter(std::uint32_t interval, const figure_sink& sink) : interval_(interval), sink_(sink) {}
 
     void export_section(const bson_iter_t& container);
-    void export_element(const report_section& section, std::string_view name, bson_iter_t children);
+    void export_element(const report_section& section, std::string_view name, bson_iter_t& children);
 
   private:
     void export_named(const report_section& section, const bson_iter_t& element);
@@ -124,7 +125,7 @@ class exporter final {
 };
 
 /// Sinks the figures among the children, unless `ok` says that they are only placeholders.
-void exporter::export_element(const report_section& section, std::string_view name, bson_iter_t children) {
+void exporter::export_element(const report_section& section, std::string_view name, bson_iter_t& children) {
     if (find_integer(children, "ok") == 0) return;
     if (exported_.size() >= max_elements || !exported_.emplace(&section, name).second) return;
     // What a fall of a 32-bit total looks like depends on its height; a short uptime is a surer sign of it.
@@ -207,7 +208,8 @@ void export_figures(std::span<const std::uint8_t> document, std::uint32_t interv
     bson_iter_t top;
     if (!bson_iter_init_from_data(&top, document.data(), document.size())) return;
     exporter figures(interval, sink);
-    figures.export_element(*find_section({}), {}, top);
+    bson_iter_t of_host = top;
+    figures.export_element(*find_section({}), {}, of_host);
     while (bson_iter_next(&top)) {
         if (is_container(top)) figures.export_section(top);
     }
