@@ -1,12 +1,16 @@
 """tarn-check: what it says about configuration files and services, and that it leaves nothing."""
 
 import os
+import re
+import subprocess
+from pathlib import Path
 
 import pytest
 
 from fake_server import FakeServer, captured, silent
-from harness import Agent, Collector, FakeHost, check, probed, shm_blocks, template
+from harness import BUILD, Agent, Collector, FakeHost, check, probed, shm_blocks, template
 
+TREE = Path(__file__).parents[2]
 IDENTITY = "id 7\naddress 127.0.0.1\n"
 
 
@@ -92,6 +96,31 @@ def test_services_are_sampled_once_and_failures_explained(tmp_path, redis):
         "elastic_bad": "FAILED the answer has no node n"}
     assert check(path, "--probe", "real", status=0)[-2].startswith("redis_real ok ")
     assert shm_blocks() == before
+
+
+def test_the_sample_configuration_is_the_defaults_and_offers_every_key(tmp_path):
+    sample = (TREE / "packaging/tarn.conf").read_text()
+    path = written(tmp_path, sample)
+    assert check(path, status=2)[:-1] == [f'{path}: error: neither "id" nor "uuid" is set']
+    offered = [line[1:] for line in sample.splitlines() if re.match(r"#\S", line)]
+    own = {"id", "uuid", "server_name", "project_name", "project_secret", "address", "domain", "nameserver", "proto",
+           "secret", "exclude_mount", "exclude_interfaces", "docker_sock"}  # have no default
+    documented = set(re.findall(r"^\.It Ic (\w+)", (TREE / "man/tarn.conf.5").read_text(), re.M))
+    keys = {line.split()[0] for line in offered + sample.splitlines() if line.strip()}
+    assert own < documented <= keys
+    defaults = [line for line in offered if line.split()[0] in documented - own]
+    libraries = re.findall("^\\w+_lib .*\n", sample, re.M)
+    script = "custom a b true\n"
+
+    def shown(text):
+        """What the agent and tarn-check make of it, but for the place of the script's line."""
+        path = written(tmp_path, IDENTITY + text + script)
+        agent = subprocess.run([BUILD / "tarn", "--showconfig", "--config", path, "--conf-glob", "/no"],
+                               capture_output=True, text=True, check=True).stdout
+        return re.sub(r"\[.*\]", "", agent), check(path, status=0)[-2].split(": ", 1)[1]
+    assert shown(sample) == shown("\n".join(libraries + defaults) + "\n") == shown("")
+    said = "\n".join(check(written(tmp_path, "\n".join(offered) + "\n"), status=0))
+    assert said.replace(str(path), "FILE") + "\n" == template("sample.txt", "golden")
 
 
 def test_a_running_agent_is_noted_and_not_disturbed(tmp_path):

@@ -1,6 +1,7 @@
 // The table of the report against the elements that are sent.
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <set>
 
 #include "captures.h"
@@ -22,20 +23,11 @@ namespace {
 using elements = std::set<std::string>;
 
 bson type_of(const bson_iter_t& element) {
-    switch (bson_iter_type(&element)) {
-        case BSON_TYPE_DOUBLE:
-            return bson::float64;
-        case BSON_TYPE_UTF8:
-            return bson::text;
-        case BSON_TYPE_DOCUMENT:
-            return bson::document;
-        case BSON_TYPE_ARRAY:
-            return bson::array;
-        case BSON_TYPE_INT32:
-            return bson::int32;
-        default:
-            return bson::int64;
-    }
+    static const std::map<bson_type_t, bson> types = {
+        {BSON_TYPE_DOUBLE, bson::float64},    {BSON_TYPE_UTF8, bson::text},
+        {BSON_TYPE_DOCUMENT, bson::document}, {BSON_TYPE_ARRAY, bson::array},
+        {BSON_TYPE_INT32, bson::int32},       {BSON_TYPE_INT64, bson::int64}};
+    return types.at(bson_iter_type(&element));
 }
 
 std::string row_of(std::string_view section, std::string_view key, bson type) {
