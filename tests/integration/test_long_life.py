@@ -51,10 +51,10 @@ def every_kind(redis):
 
 
 def usage(pid):
-    """Resident KiB of private memory, descriptors and number of processes, of the agent and its children."""
+    """KiB of memory without what other programs share, descriptors and number of the agent and its children."""
     pids = [pid, *children(pid)]
     kib = sum(int(line.split()[1]) for p in pids for line in Path(f"/proc/{p}/smaps_rollup").read_text().splitlines()
-              if line.startswith(("Private_Dirty", "Private_Clean")))
+              if line.startswith("Pss_Anon"))
     return kib, sum(len(os.listdir(f"/proc/{p}/fd")) for p in pids), len(pids)
 
 
