@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::size_t initial_size = std::size_t{16} << 10U;
 constexpr std::size_t max_size = std::size_t{16} << 20U;
+/// The kernel returns a file of lines in pieces of at most a page.
+constexpr std::size_t page = 4096;
 
 /// Doubles a full buffer; false at the size limit or without memory.
 bool grow(std::vector<char>& buffer) {
@@ -23,6 +25,7 @@ bool grow(std::vector<char>& buffer) {
 }
 
 /// Reads piece by piece until the file ends or `is_last(text, got)` is true; `got` is the last piece's size.
+/// There is always room for a page, so that a small piece is the kernel's choice.
 template <typename IsLast>
 std::optional<std::string_view> read_pieces(const char* path, int directory, IsLast is_last) {
     static std::vector<char> buffer;
@@ -30,7 +33,7 @@ std::optional<std::string_view> read_pieces(const char* path, int directory, IsL
     if (!file) return std::nullopt;
 
     std::size_t length = 0;
-    while (length < buffer.size() || grow(buffer)) {
+    while (buffer.size() - length >= page || grow(buffer)) {
         const ssize_t got = ::read(file.get(), buffer.data() + length, buffer.size() - length);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
@@ -66,9 +69,8 @@ std::optional<std::string_view> read_file(const char* path, int directory) {
 
 std::optional<std::string_view> read_kernel_file(const char* path, std::string_view last_needed,
                                                  int directory) {
-    // The kernel returns a file of lines in pieces of at most a page and ends a piece only where the next
-    // line does not fit. A piece with room for another line is the last one.
-    constexpr std::size_t page = 4096;
+    // The kernel ends a piece only where the next line does not fit. A piece with room for another line is
+    // the last one.
     constexpr std::size_t longest_line = 512;
     return read_pieces(path, directory, [last_needed](std::string_view text, std::size_t got) {
         if (got < page - longest_line) return true;

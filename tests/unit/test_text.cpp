@@ -1,5 +1,10 @@
-// Numbers, copies, lines, masks, UTF-8 and Base64.
+// Numbers, copies, lines, kernel files, masks, UTF-8 and Base64.
+#include <sys/mman.h>
+
+#include <algorithm>
+
 #include "support/tarn_base64.h"
+#include "support/tarn_files.h"
 #include "test_helpers.h"
 
 using namespace std::string_view_literals;
@@ -31,6 +36,19 @@ TEST(Text, LongLinesAreSplitAtTheLimit) {
     for (std::string_view line; lines.next(line);)
         pieces.append(line).append("|");
     EXPECT_EQ(pieces, "abc|def|g||hi|");
+}
+
+TEST(Text, KernelFilesOfManyPagesAreReadToTheirEnd) {
+    // Pages with alternating rights are a line each of the process's own map.
+    constexpr std::size_t page = 4096, pages = 2000;
+    void* const memory = ::mmap(nullptr, pages * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    for (std::size_t at = 0; at < pages; at += 2)
+        ASSERT_EQ(::mprotect(static_cast<char*>(memory) + at * page, page, PROT_READ), 0);
+    const auto maps = tarn::read_kernel_file("/proc/self/maps");
+    ASSERT_TRUE(maps);
+    EXPECT_GT(std::ranges::count(*maps, '\n'), pages);
+    ::munmap(memory, pages * page);
 }
 
 TEST(Text, MasksMatchByPrefixOnlyWithAStarAfterAPrefix) {
