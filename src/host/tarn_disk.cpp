@@ -160,7 +160,8 @@ bool walk(data_disk& data) {
 }
 
 bool read_disks(data_disk& data) {
-    auto diskstats = tarn::read_kernel_file("/proc/diskstats");
+    constexpr const char* path = "/proc/diskstats";
+    auto diskstats = tarn::read_file(path);
     if (!diskstats) return false;
     if (data.watch.is_due(*diskstats)) {
         if (!walk(data)) {
@@ -168,7 +169,7 @@ bool read_disks(data_disk& data) {
             return false;
         }
         // The walk has overwritten the buffer that the text was in.
-        diskstats = tarn::read_kernel_file("/proc/diskstats");
+        diskstats = tarn::read_file(path);
         if (!diskstats) return false;
     }
     disk_parse_diskstats(*diskstats, data);

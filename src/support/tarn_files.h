@@ -79,9 +79,9 @@ class directory_reader final {
 /// directory descriptor.
 std::optional<std::string_view> read_file(const char* path, int directory = AT_FDCWD);
 
-/// As read_file(), for files of /proc and /sys, whose text the kernel generates during each read. Skips the
-/// final read that only reports the end, and stops after the piece that holds `last_needed`, if that is
-/// given.
+/// As read_file(), for files of /proc and /sys that the kernel generates whole or line by line. It does not
+/// do for /proc/diskstats, which comes disk by disk with all partitions. Skips the final read that only
+/// reports the end, and stops after the piece that holds `last_needed`, if that is given.
 std::optional<std::string_view> read_kernel_file(const char* path, std::string_view last_needed = {},
                                                  int directory = AT_FDCWD);
 
