@@ -61,24 +61,27 @@ os_family family_of(std::span<const family_word> table, std::string_view word) {
     return os_family::unknown;
 }
 
-os_release read_release() {
-    os_release release;
-    if (const auto text = tarn::read_file("/etc/os-release")) os_parse_os_release(*text, release);
+/// Adds what the older files say, as long as the distribution is unknown.
+void read_older_files(os_release& release) {
     for (const release_file& file : release_files) {
         if (release.family != os_family::unknown) break;
         if (const auto text = tarn::read_file(file.path)) {
             os_parse_release_line(*text, file.debian_too, release);
         }
     }
-    return release;
 }
 
-/// The facts from the release files as they are now. The older files are read in every cycle.
-const os_release& find_release() {
+/// The facts from the release files as they are now.
+os_release find_release() {
+    constexpr const char* path = "/etc/os-release";
     static tarn::file_watch watch;
-    static os_release release;
-    if (watch.has_changed("/etc/os-release") || release.family == os_family::unknown)
-        release = read_release();
+    static os_release newest;
+    if (watch.has_changed(path)) {
+        newest = {};
+        if (const auto text = tarn::read_file(path)) os_parse_os_release(*text, newest);
+    }
+    os_release release = newest;
+    read_older_files(release);
     return release;
 }
 
@@ -154,7 +157,7 @@ int os_init(tarn_mycustom_counter& counter) {
 }
 
 bool os_update(data_os& data) {
-    const os_release& release = find_release();
+    const os_release release = find_release();
     utsname host{};
     ::uname(&host);
 
