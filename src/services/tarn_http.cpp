@@ -75,8 +75,6 @@ stream connect_http(const char* kind, std::string_view host, int port) {
         case stream_step::none:
             break;
         case stream_step::socket:
-            print_error("socket", connection.error);
-            break;
         case stream_step::timeouts:
             std::printf("setsockopt failed\n");
             break;
