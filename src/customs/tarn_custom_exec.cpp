@@ -117,7 +117,7 @@ bool wait_for_output(const tarn::unique_fd& input, tarn::deadline end) {
 
 /// Reads the output until it ends or exceeds the buffer. One deadline covers all waits.
 read_result read_output(const tarn::unique_fd& input, int max_seconds, script_output& output) {
-    const tarn::deadline end(tarn::timeout_of(max_seconds));
+    const tarn::deadline end{std::chrono::seconds(max_seconds)};
     while (wait_for_output(input, end)) {
         if (output.length == output.text.size()) return read_result::buffer_full;
         const ssize_t got =
