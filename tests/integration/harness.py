@@ -5,7 +5,6 @@ import ctypes
 import hashlib
 import os
 import re
-import select
 import signal
 import socket
 import subprocess
@@ -38,7 +37,7 @@ def wait_for(condition, seconds=15, step=0.02):
     return value
 
 
-class Running:
+class Running(contextlib.AbstractContextManager):
     """A process whose output, both streams of it, is collected as it comes. At the end of its block it is stopped and
     must end with status 0, unless the block waited for its end; a failure shows its status and output."""
 
@@ -62,7 +61,7 @@ class Running:
         missing = [text for text in texts if text not in self.text]
         assert not missing, f"{missing} is not in\n{self.text}"
 
-    def stop(self, signum=signal.SIGTERM, seconds=5):
+    def stop(self, signum=signal.SIGTERM, seconds=10):
         """Signals the whole group and waits for the process; returns (status, seconds that it took). Its children
         have a moment more to say their last words."""
         start = time.monotonic()
@@ -77,9 +76,6 @@ class Running:
                 os.killpg(self.pid, signal.SIGKILL)
         self.reader.join(5)
         return status, took
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, error, *_):
         waited_for = self.process.returncode is not None
@@ -114,7 +110,7 @@ def flat(report):
     return {key: item for family in FAMILIES for key, item in report[family].items()}
 
 
-class Collector:
+class Collector(contextlib.AbstractContextManager):
     """Receives packets over UDP (and TCP) on a port of its own and checks their signatures."""
 
     def __init__(self, secret=b"", tcp=False):
@@ -130,8 +126,7 @@ class Collector:
                 + (f"secret {self.secret.decode()}\n" if self.secret else "") + more)
 
     def packet(self, seconds=15):
-        ready, _, _ = select.select([self.socket], [], [], seconds)
-        assert ready, "no packet came"
+        self.socket.settimeout(seconds)
         if not self.tcp:
             return self.socket.recv(65536)
         with self.socket.accept()[0] as sender:
@@ -164,9 +159,6 @@ class Collector:
             assert time.monotonic() < end, f"gave up after {seconds} s, the last report was {report}"
         return report
 
-    def __enter__(self):
-        return self
-
     def __exit__(self, *_):
         self.socket.close()
 
@@ -188,7 +180,7 @@ class FakeHost:
     def write(self, **files):
         for name, text in files.items():
             folder = "net" if name in ("dev", "sockstat") else "."
-            (self.root / folder / name.replace("_", "-")).write_text(text)
+            (self.root / folder / name.replace("_", "-")).write_text(text, "latin-1")
 
     def disk(self, name, removable="0", device=True):
         path = self.root / "block" / name

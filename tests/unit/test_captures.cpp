@@ -2,6 +2,7 @@
 #include "captures.h"
 #include "config/tarn_config_line.h"
 #include "config/tarn_kinds.h"
+#include "report/tarn_bson_print.h"
 #include "test_helpers.h"
 
 TEST(Captures, AnswersBecomeReportElements) {
@@ -18,7 +19,11 @@ TEST(Captures, AnswersBecomeReportElements) {
             if (step == 0) counter->delta(*counter, 15, 1);
             bson_t document = BSON_INITIALIZER;
             counter->tobson(*counter, document);
-            text += printed_document(document) + printed_by([&] { counter->dump(*counter); });
+            text += printed_by([&] {
+                print_report({bson_get_data(&document), document.len}, 0);
+                counter->dump(*counter);
+            });
+            bson_destroy(&document);
         }
         counter->free(*counter);
     }

@@ -4,7 +4,6 @@
 #include <fstream>
 
 #include "config/tarn_config_files.h"
-#include "config/tarn_options.h"
 #include "docker/tarn_docker_core.h"
 #include "test_helpers.h"
 
@@ -48,8 +47,6 @@ TEST_F(Config, IdentityIsAnIdOrAUuidWithNames) {
         const std::string outcome = read(text);
         return fields(outcome, config.shm_key);
     });
-    tarn::copy_terminated(config.configFile, "/no/such");
-    EXPECT_EQ(read(""), "1|Config file /no/such not found!\n");
 }
 
 TEST_F(Config, EveryKeySetsItsField) {
@@ -125,11 +122,4 @@ TEST_F(Config, SettingsThatCouldRunScriptsAsRootAreReported) {
     std::filesystem::permissions(path("main"), std::filesystem::perms::others_write,
                                  std::filesystem::perm_options::add);
     EXPECT_EQ(read("id 1\n"), "0|WARNING: others than root can write to config file " + path("main") + "\n");
-}
-
-TEST_F(Config, AnOptionTakesTheNextWordWhateverItIs) {
-    char option[] = "--config";
-    char* words[] = {option, option, option, option};
-    EXPECT_EQ(printed_by([&] { parse_options(4, words); }),
-              "Config file: --config\nOption --config needs an argument\n");
 }
