@@ -229,8 +229,8 @@ def drawn_second(moment, interval):
 
 def check(*args, status, command=()):
     """Runs tarn-check and returns its lines."""
-    done = subprocess.run([*command, BUILD / "tarn-check", "--conf-glob", "/no", *map(str, args)], capture_output=True, text=True,
-                          timeout=60, check=False)
+    done = subprocess.run([*command, BUILD / "tarn-check", "--conf-glob", "/no", *map(str, args)],
+                          capture_output=True, text=True, timeout=60, check=False)
     assert (done.returncode, done.stderr) == (status, ""), done.stdout + done.stderr
     return done.stdout.splitlines()
 
