@@ -36,7 +36,7 @@ def first_with(collector, name):
 
 
 def test_slow_and_flooding_scripts_delay_nobody(tmp_path):
-    lines = ["slow interval=1 timeout=1 exec sleep 3600", "flood interval=1 timeout=1 yes",
+    lines = ["slow interval=1 timeout=0 exec sleep 3600", "flood interval=1 timeout=1 yes",
              "closer interval=1 timeout=1 echo 1; exec >&-; sleep 30",
              "drip interval=1 timeout=1 while printf 1; do sleep 0.4; done",
              "answer alert=value>9 type=12 interval=1 timeout=1 echo 42; echo 'Disk almost full'; printf 'b\\377d'",
@@ -122,9 +122,9 @@ def test_periods_and_differences_over_six_cycles(tmp_path):
                    "clear shm\n", "Freeing counters: CHILD customs... done\n")
 
 
-@pytest.mark.parametrize("interval, period, count, ages", [(1, 2, 6, (0, 1)), (3, 1, 3, (4, 5))])
-def test_a_result_waits_an_interval_and_is_reported_two_seconds_later(tmp_path, interval, period, count, ages):
-    """It is reported until there is a newer one. A script that starts late makes it younger, a late report older."""
+@pytest.mark.parametrize("interval, period, count, age", [(1, 2, 6, 1), (3, 1, 4, 5)])
+def test_a_result_waits_an_interval_and_is_reported_two_seconds_later(tmp_path, interval, period, count, age):
+    """It is reported until there is a newer one. On a busy machine some are younger or older."""
     wait_for(lambda: interval == 1 or drawn_second(time.time(), interval) and drawn_second(time.time() + 1, interval))
     start = int(time.time())
     with running(tmp_path, f"b interval={period} date +%s", more=f"interval {interval}\n", options=["--debug"]) as (
@@ -132,8 +132,8 @@ def test_a_result_waits_an_interval_and_is_reported_two_seconds_later(tmp_path, 
         agent.wait_text("Starting main loop\n")
         seconds = {drawn_second(moment, interval) for moment in range(start, int(time.time()) + 1)}
         assert first_with(collector, "a_b")["interval"] == interval * period
-        found = sorted(report["time"] - report["custom"]["a_b"]["value"] for report in collector.reports(count))
-    assert found[1] in ages
+        ages = [report["time"] - report["custom"]["a_b"]["value"] for report in collector.reports(count)]
+    assert age in ages
     assert int(re.search(r"Main loop iteration at (\d+)", agent.text)[1]) % interval in seconds
 
 
