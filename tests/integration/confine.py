@@ -2,10 +2,12 @@
 
 import errno
 import os
+import re
 import socket
 import subprocess
 import sys
 from mmap import PROT_EXEC, PROT_WRITE
+from pathlib import Path
 
 NEW_NAMESPACES = 0x7E020000  # CLONE_NEWNS, and CLONE_NEWCGROUP to CLONE_NEWNET
 
@@ -13,33 +15,24 @@ NEW_NAMESPACES = 0x7E020000  # CLONE_NEWNS, and CLONE_NEWCGROUP to CLONE_NEWNET
 def settings(path):
     """Each key of the unit's [Service] with its values in their order."""
     found = {}
-    with open(path) as unit:
-        for line in unit.read().partition("[Service]")[2].partition("[Install]")[0].splitlines():
-            if line and not line.startswith("#"):
-                key, _, value = line.partition("=")
-                found.setdefault(key, []).append(value)
+    service = Path(path).read_text().partition("[Service]")[2].partition("[Install]")[0]
+    for key, value in re.findall(r"^(\w+)=(.*)$", service, re.M):
+        found.setdefault(key, []).append(value)
     return found
-
-
-def system_calls(word, members):
-    """The calls of a group, whose members may be groups, or the call itself."""
-    return set().union(*(system_calls(name, members) for name in members[word])) if word in members else {word}
 
 
 def allowed_calls(values):
     """What is left when the lines of SystemCallFilter= are read in turn; "~" takes calls away."""
-    members, group = {}, None
-    listing = subprocess.run(["systemd-analyze", "syscall-filter", "--no-pager"], check=True, capture_output=True)
-    for word in (line.strip() for line in listing.stdout.decode().splitlines()):
-        if word.startswith("@") and group is None:
-            group = members.setdefault(word, [])
-        elif not word:
-            group = None
-        elif not word.startswith("#") and group is not None:
-            group.append(word)
+    command = ["systemd-analyze", "syscall-filter", "--no-pager"]
+    listing = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    members = {group: re.findall(r"^ +([^#\s]+)$", lines, re.M)
+               for group, lines in re.findall(r"^(@\S+)\n((?: .*\n)+)", listing, re.M)}
+
+    def calls(word):
+        return set().union(*map(calls, members[word])) if word in members else {word}
     allowed = set()
     for value in values:
-        named = set().union(*(system_calls(word, members) for word in value.lstrip("~").split()))
+        named = set().union(*map(calls, value.lstrip("~").split()))
         allowed = allowed - named if value.startswith("~") else allowed | named
     return allowed
 
@@ -49,11 +42,7 @@ def load(default, *rules):
     program = seccomp.SyscallFilter(default)
     program.set_attr(seccomp.Attr.CTL_NNP, False)
     for action, name, *conditions in rules:
-        try:
-            number = seccomp.resolve_syscall(seccomp.Arch(), name)
-        except ValueError:
-            continue
-        if number >= 0:
+        if seccomp.resolve_syscall(seccomp.Arch(), name) >= 0:
             program.add_rule(action, name, *conditions)
     program.load()
 

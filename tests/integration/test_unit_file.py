@@ -1,6 +1,5 @@
 """The unit file: the agent works under its restrictions, reports the truth, and needs each capability."""
 
-import contextlib
 import os
 import shutil
 import sys
@@ -10,7 +9,7 @@ import pytest
 
 from confine import settings
 from fake_server import FakeServer, captured
-from harness import BUILD, Agent, Collector, flat, through
+from harness import BUILD, Agent, Collector, flat, template, through
 from test_docker import Engine, inspection
 
 UNIT = BUILD / "tarn.service"
@@ -33,6 +32,7 @@ WITHOUT_EFFECT = {"KeyringMode", "LockPersonality", "ProtectClock", "RestrictRea
                   "SystemCallArchitectures"}
 os.environ["ASAN_OPTIONS"] = "detect_leaks=0"  # LeakSanitizer attaches as a debugger does, which the unit forbids
 CAPABILITIES = set(SERVICE["CapabilityBoundingSet"][0].split())
+EVERYTHING = {"here", "hub", "FPM_a", "a_user"}
 
 
 def confined(capabilities):
@@ -49,28 +49,15 @@ def test_no_setting_is_unknown_here():
     assert set(SERVICE) == LIFE | set(MOUNTS) | PRIVILEGES | SYSTEM_CALLS | WITHOUT_EFFECT
 
 
-LINES = """mysql_lib libmariadb.so.3
-postgre_lib libpq.so.5
-mysql_a u:p@127.0.0.1:1
-postgresql_a u:p@127.0.0.1:1
-redis_here u:@127.0.0.1:{port}
-redis_hub u:@[hub]:{port}
-fpm_a unix:{socket} /status
-custom a hangs interval=1 timeout=1 uid=4242 sleep 20; echo 1
-custom a user interval=1 uid=4242 id -u
-"""
-EVERYTHING = {"here", "hub", "FPM_a", "a_user"}
-
-
-@contextlib.contextmanager
+@pytest.fixture
 def host(tmp_path, redis):
-    """The services of LINES; gives a collector and a configuration."""
+    """The services of servers/unit.conf; gives a collector and a configuration."""
     pool = tmp_path / "fpm.sock"
     with FakeServer(..., captured("fpm_answer.bin"), path=pool), Engine({"hub": inspection(Running=True)}), (
             Collector()) as collector:
         shutil.chown(pool, 33, 33)
         pool.chmod(0o660)
-        yield collector, collector.config(LINES.format(port=redis.port, socket=pool))
+        yield collector, collector.config(template("unit.conf", redis=redis, pool=pool))
 
 
 def seen_by(collector, wanted):
@@ -83,23 +70,21 @@ def seen_by(collector, wanted):
     return seen
 
 
-def test_the_report_is_the_same_and_true_under_the_unit(tmp_path, redis):
-    with host(tmp_path, redis) as (collector, config):
-        with Agent(tmp_path, config) as free:
-            assert seen_by(collector, EVERYTHING) == EVERYTHING
-            expected = collector.report()
-        with Agent(tmp_path, config, command=confined(CAPABILITIES)) as agent:
+def test_the_report_is_the_same_and_true_under_the_unit(tmp_path, host):
+    collector, config = host
+    parts = []
+    for command in (), confined(CAPABILITIES):
+        with Agent(tmp_path, config, command=command) as agent:
             assert seen_by(collector, EVERYTHING) == EVERYTHING
             report = collector.report()
-        for part in "mounts", "disks", "net", "docker":
-            assert set(report[part]) == set(expected[part])
-    for process in free, agent:
-        process.has_said("Mysql found and loaded = libmariadb.so.3\n", "Postgre found and loaded = libpq.so.5\n")
+        agent.has_said("Mysql found and loaded = libmariadb.so.3\n", "Postgre found and loaded = libpq.so.5\n")
+        parts.append({part: set(report[part]) for part in ("mounts", "disks", "net", "docker")})
+    assert parts[0] == parts[1]
 
 
 @pytest.mark.parametrize("dropped, lost", [
     ("CAP_DAC_OVERRIDE", "FPM_a"), ("CAP_KILL", "a_user"), ("CAP_SETGID", "a_user"), ("CAP_SETUID", "a_user")])
-def test_no_capability_can_be_spared(tmp_path, redis, dropped, lost):
-    with host(tmp_path, redis) as (collector, config), Agent(
-            tmp_path, config, command=confined(CAPABILITIES - {dropped}), extra_groups=[4]):
+def test_no_capability_can_be_spared(tmp_path, host, dropped, lost):
+    collector, config = host
+    with Agent(tmp_path, config, command=confined(CAPABILITIES - {dropped}), extra_groups=[4]):
         assert seen_by(collector, EVERYTHING) == EVERYTHING - {lost}
