@@ -35,7 +35,8 @@ def test_faulty_lines_are_named_with_what_to_write_instead(tmp_path):
     ("uuid 1-2-3-4-5\n" + IDENTITY[5:] + "server_name a\n", 2,
      ["FILE: error: the uuid does not have the form aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee",
       'FILE: error: a uuid also needs "project_name"']),
-    ("\ufeffport 1\n" + IDENTITY, 2, ["FILE:1: error: a byte order mark precedes the first key, so the agent ignores that line"]),
+    ("\ufeffport 1\n" + IDENTITY, 2,
+     ["FILE:1: error: a byte order mark precedes the first key, so the agent ignores that line"]),
     (IDENTITY + "port 8641\r\n", 1, ["FILE:3: warning: ends in a carriage return"]),
     (IDENTITY + "server_name " + "x" * 5000 + "\n", 1,
      ["FILE:3: warning: truncated to 4095 characters", "FILE:3: warning: the value is truncated to 255 characters"]),
@@ -49,7 +50,7 @@ def test_files_are_judged_as_a_whole(tmp_path, text, status, said):
 
 def test_what_is_no_readable_file_is_named(tmp_path):
     os.mkfifo(tmp_path / "fifo")
-    for path, fault in {"": "is a directory", "fifo": "is not a regular file", "none": "No such file or directory"}.items():
+    for path, fault in ("", "is a directory"), ("fifo", "is not a regular file"), ("none", "No such file or directory"):
         assert check(tmp_path / path, status=2)[0] == f"{tmp_path / path}: error: {fault}"
     path = written(tmp_path, IDENTITY, 0o666)
     assert check(path, status=1)[0].endswith("others than root can write to it, and so run commands as root")
@@ -58,7 +59,7 @@ def test_what_is_no_readable_file_is_named(tmp_path):
 def test_a_host_too_large_for_datagrams_is_told_to_use_tcp(tmp_path):
     host = FakeHost(tmp_path)
     host.write(dev="head\nhead\n" + "".join(f"veth{n}: {'1 ' * 16}\n" for n in range(900)))
-    for transport, said in {"udp": ["warning: a report may exceed the 65507 bytes of a UDP datagram"], "tcp": []}.items():
+    for transport, said in ("udp", ["warning: a report may exceed the 65507 bytes of a UDP datagram"]), ("tcp", []):
         path = written(tmp_path, IDENTITY + f"proto {transport}\n")
         lines = check(path, status=len(said), command=host.command())
         assert [line.split(": ", 1)[1].split(";")[0] for line in lines[:-1]] == said

@@ -85,7 +85,7 @@ def stored_in_influx(port):
 
 
 def test_a_report_is_found_in_every_engine_value_by_value_and_a_silent_host_raises_an_alert():
-    """Not stored are values that are not finite or that a fall made, and those of a sample that failed."""
+    """Values that are not finite, that a fall made, or of a sample that failed are not stored."""
     known = json.loads((Path(__file__).parent / "golden/stored.json").read_text())
     stored = {series({"__name__": name, "host": "0a-b", "name": "web 1", **labels}, value)
               for name, labels, value in known["stored"]}
