@@ -72,7 +72,7 @@ def test_it_prints_good_reports_names_bad_ones_and_ends_after_the_count(tmp_path
 
 def test_the_forms_for_other_programs():
     docker = {"a": {"cpu_usage": math.nan, "state": "dead"}}
-    odd = report("0a", 5, custom={}, redises={"0": {"uptime": 2}}, docker=docker)
+    odd = report("0a", 5, custom=[], redises=[{"uptime": 2}], docker=docker)
     shown = {}
     for form, last in ("jsonl", '"dead"'), ("influx", "running"):
         with Receiver("--format", form) as receiver:
