@@ -53,9 +53,10 @@ class receiver final {
     bool run();
 
   private:
-    [[nodiscard]] bool done() const {
-        return stopped != 0 || write_failed_ || (options_.count != 0 && counts_.good >= options_.count);
+    [[nodiscard]] bool has_enough() const {
+        return write_failed_ || (options_.count != 0 && counts_.good >= options_.count);
     }
+    [[nodiscard]] bool done() const { return stopped != 0 || has_enough(); }
     bool listen();
     bool open_exports();
     bool watch(int descriptor) const;
@@ -217,9 +218,10 @@ void receiver::take_packet(const std::string& from, std::span<const std::uint8_t
     }
 }
 
+/// A signal to stop does not discard the rest of a batch, which has left the socket's buffer.
 int receiver::read_datagrams() {
     return reader_.read(sockets_.datagrams.get(), [this](const sockaddr_in& from, auto packet) {
-        if (!done()) take_packet(name_of(from), packet);
+        if (!has_enough()) take_packet(name_of(from), packet);
     });
 }
 
@@ -246,11 +248,7 @@ void receiver::serve(int descriptor) {
 void receiver::finish() {
     if (!options_.forward.url.empty()) {
         const auto end = std::chrono::steady_clock::now() + 1s;
-        while (reader_.read(sockets_.datagrams.get(),
-                            [this](const sockaddr_in& from, auto packet) {
-                                take_packet(name_of(from), packet);
-                            }) > 0 &&
-               std::chrono::steady_clock::now() < end) {
+        while (read_datagrams() > 0 && std::chrono::steady_clock::now() < end) {
         }
         forwarder_.flush(flush_time);
         const auto& reports = forwarder_.reports();
