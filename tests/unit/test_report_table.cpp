@@ -10,6 +10,7 @@
 #include "customs/tarn_custom.h"
 #include "docker/tarn_docker_core.h"
 #include "report/tarn_bson.h"
+#include "report/tarn_bson_print.h"
 #include "report_table.h"
 #include "test_helpers.h"
 
