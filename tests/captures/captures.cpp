@@ -1,9 +1,11 @@
-// The files of each kind, and the parsers that read them.
+// The parsers that read the answers of each kind, and a counter without a server.
 #include "captures.h"
 
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <sstream>
 #include <type_traits>
 
 #include "config/tarn_config_line.h"
@@ -59,65 +61,41 @@ void read_rows(tarn_mycustom_counter& counter, const texts& answers) {
     counter.update(counter);
 }
 
+const std::map<std::string, decltype(captured_kind::read)> readers = {
+    {"redis", read_answers<tarn_mycustom_data_redis, redis_parse_info>},
+    {"memcached", read_answers<tarn_mycustom_data_memcache, memcache_parse_stats>},
+    {"beanstalk", read_answers<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
+    {"nginx", read_answers<tarn_mycustom_data_nginx, nginx_parse_res>},
+    {"apache", read_answers<tarn_mycustom_data_apache, apache_parse_res>},
+    {"fpm", read_answers<tarn_mycustom_data_fpm, parse_record>},
+    {"rabbit", read_answers<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
+    {"elastic",
+     read_answers<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
+    {"mysql", read_rows},
+    {"postgre", read_rows},
+    {"sphinx", read_rows}};
+
+/// The kinds in their file: "> NAME", the configuration line, and the files of each sample on a line.
+std::vector<captured_kind> read_kinds() {
+    std::vector<captured_kind> kinds;
+    std::istringstream lines(captured("kinds.txt"));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("> ")) {
+            const std::string name = line.substr(2);
+            std::getline(lines, line);
+            kinds.push_back({name, line, {}, readers.at(name)});
+        } else {
+            std::istringstream files(line);
+            kinds.back().steps.push_back(texts(std::istream_iterator<std::string>(files), {}));
+        }
+    }
+    return kinds;
+}
+
 }  // namespace
 
 std::span<const captured_kind> captured_kinds() {
-    static const std::vector<captured_kind> kinds = {
-        {"redis",
-         "redis_main u:@127.0.0.1:@port@",
-         {{"redis_info.txt"}, {"redis_later.txt"}, {"redis_refused.txt"}},
-         read_answers<tarn_mycustom_data_redis, redis_parse_info>},
-        {"memcached",
-         "memcache 127.0.0.1:@port@",
-         {{"memcached_stats.txt"}, {"memcached_later.txt"}, {"memcached_returns.txt"}},
-         read_answers<tarn_mycustom_data_memcache, memcache_parse_stats>},
-        {"beanstalk",
-         "beanstalk 127.0.0.1:@port@",
-         {{"beanstalkd_stats.txt"}, {"beanstalkd_later.txt"}, {"beanstalkd_returns.txt"}},
-         read_answers<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
-        {"nginx",
-         "nginx_main 127.0.0.1:@port@/status localhost",
-         {{"nginx_status.txt"}, {"nginx_later.txt"}, {"nginx_odd.txt"}},
-         read_answers<tarn_mycustom_data_nginx, nginx_parse_res>},
-        {"apache",
-         "apache_main 127.0.0.1:@port@",
-         {{"apache_status.txt"}, {"apache_later.txt"}, {"apache_restarted.txt"}},
-         read_answers<tarn_mycustom_data_apache, apache_parse_res>},
-        {"fpm",
-         "fpm_main 127.0.0.1:@port@ /status",
-         {{"fpm_answer.bin"}, {"fpm_later.bin"}, {"fpm_restarted.bin"}},
-         read_answers<tarn_mycustom_data_fpm, parse_record>},
-        {"rabbit",
-         "rabbit_main u:p@127.0.0.1:@port@",
-         {{"rabbit_nodes.txt", "rabbit_queues.txt"},
-          {"rabbit_nodes_later.txt", "rabbit_queues_later.txt"},
-          {"rabbit_starting.txt", "rabbit_no_queues.txt"},
-          {"http_list.txt"},
-          {"rabbit_nodes_later.txt", "http_object.txt"},
-          {"http_cut.txt"}},
-         read_answers<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
-        {"elastic",
-         "elastic_main 127.0.0.1:@port@ node-7",
-         {{"elastic_node.txt", "elastic_health.txt"},
-          {"elastic_node_later.txt", "elastic_health_later.txt"},
-          {"elastic_node_odd.txt", "elastic_health_odd.txt"},
-          {"elastic_node_later.txt", "http_cut.txt"},
-          {"http_list.txt"},
-          {"http_object.txt"}},
-         read_answers<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
-        {"mysql",
-         "mysql_main u:p@127.0.0.1:@port@",
-         {{"mysql.rows"}, {"mysql_later.rows"}, {"mysql_primary.rows"}, {"mysql_stopped.rows"}},
-         read_rows},
-        {"postgre",
-         "postgresql_main u:p@127.0.0.1:@port@",
-         {{"postgre.rows"}, {"postgre_later.rows"}, {"postgre_92.rows"}, {"postgre_old.rows"}},
-         read_rows},
-        {"sphinx",
-         "sphinx_main u:p@127.0.0.1:@port@",
-         {{"sphinx.rows"}, {"sphinx_later.rows"}, {"sphinx_restarted.rows"}, {"sphinx_cut.rows"}},
-         read_rows},
-    };
+    static const std::vector<captured_kind> kinds = read_kinds();
     return kinds;
 }
 
