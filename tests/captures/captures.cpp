@@ -61,22 +61,22 @@ void read_rows(tarn_mycustom_counter& counter, const texts& answers) {
     counter.update(counter);
 }
 
-const std::map<std::string, decltype(captured_kind::read)> readers = {
-    {"redis", read_answers<tarn_mycustom_data_redis, redis_parse_info>},
-    {"memcached", read_answers<tarn_mycustom_data_memcache, memcache_parse_stats>},
-    {"beanstalk", read_answers<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
-    {"nginx", read_answers<tarn_mycustom_data_nginx, nginx_parse_res>},
-    {"apache", read_answers<tarn_mycustom_data_apache, apache_parse_res>},
-    {"fpm", read_answers<tarn_mycustom_data_fpm, parse_record>},
-    {"rabbit", read_answers<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
-    {"elastic",
-     read_answers<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
-    {"mysql", read_rows},
-    {"postgre", read_rows},
-    {"sphinx", read_rows}};
-
 /// The kinds in their file: "> NAME", the configuration line, and the files of each sample on a line.
 std::vector<captured_kind> read_kinds() {
+    static const std::map<std::string, decltype(captured_kind::read)> readers = {
+        {"redis", read_answers<tarn_mycustom_data_redis, redis_parse_info>},
+        {"memcached", read_answers<tarn_mycustom_data_memcache, memcache_parse_stats>},
+        {"beanstalk", read_answers<tarn_mycustom_data_beanstalk, beanstalk_parse_stats>},
+        {"nginx", read_answers<tarn_mycustom_data_nginx, nginx_parse_res>},
+        {"apache", read_answers<tarn_mycustom_data_apache, apache_parse_res>},
+        {"fpm", read_answers<tarn_mycustom_data_fpm, parse_record>},
+        {"rabbit",
+         read_answers<tarn_mycustom_data_rabbit, rabbit_parse_node_items, rabbit_parse_queues_items>},
+        {"elastic",
+         read_answers<tarn_mycustom_data_elastic, elastic_parse_node_items, elastic_parse_cluster_health>},
+        {"mysql", read_rows},
+        {"postgre", read_rows},
+        {"sphinx", read_rows}};
     std::vector<captured_kind> kinds;
     std::istringstream lines(captured("kinds.txt"));
     for (std::string line; std::getline(lines, line);) {

@@ -1,6 +1,7 @@
 // Stands in for both database client libraries without a server. The results come from the file named by
-// TARN_ROWS: "> TEXT" begins the rows for statements that begin with TEXT, "= NAME NAME" names the columns,
-// tabs separate fields, and "\N" is SQL's NULL.
+// TARN_ROWS: "> TEXT" begins the rows for statements that begin with TEXT, tabs separate fields, and "\N" is
+// SQL's NULL. The first row of a result of PostgreSQL, "= NAME NAME", names the columns.
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <fstream>
@@ -12,50 +13,39 @@
 namespace {
 
 using fields = std::vector<std::string>;
+using rows = std::vector<fields>;
 
-struct answer {
-    std::string prefix;  ///< of the statements that it answers
-    fields names;
-    std::vector<fields> rows;
-};
-
-fields split(const std::string& line) {
-    fields found;
-    std::istringstream rest(line);
-    for (std::string field; std::getline(rest, field, '\t');)
-        found.push_back(field);
-    return found;
-}
-
-std::vector<answer> read_answers(const std::string& path) {
-    std::vector<answer> answers;
+/// The rows for each beginning of a statement.
+std::map<std::string, rows> read_answers(const std::string& path) {
+    std::map<std::string, rows> answers;
+    rows* newest = nullptr;
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with("> ")) {
-            answers.push_back({line.substr(2), {}, {}});
-        } else if (line.starts_with("= ")) {
-            answers.back().names = split(line.substr(2));
-        } else {
-            answers.back().rows.push_back(split(line));
+            newest = &answers[line.substr(2)];
+            continue;
         }
+        std::istringstream rest(line.starts_with("= ") ? line.substr(2) : line);
+        fields& row = newest->emplace_back();
+        for (std::string field; std::getline(rest, field, '\t');)
+            row.push_back(field);
     }
     return answers;
 }
 
-const answer* found = nullptr;
+const rows* found = nullptr;
 std::size_t next_row = 0;
 std::array<char*, 64> row{};
 int object;
 
 int find_answer(const std::string& statement) {
-    static std::map<std::string, std::vector<answer>> files;
+    static std::map<std::string, std::map<std::string, rows>> files;
     const char* const path = std::getenv("TARN_ROWS");
-    auto& answers = files[path];
-    if (answers.empty()) answers = read_answers(path);
+    if (!files.contains(path)) files[path] = read_answers(path);
     found = nullptr;
     next_row = 0;
-    for (const answer& one : answers) {
-        if (statement.starts_with(one.prefix)) found = &one;
+    for (const auto& [beginning, answer] : files[path]) {
+        if (statement.starts_with(beginning)) found = &answer;
     }
     return found == nullptr ? 1 : 0;
 }
@@ -66,19 +56,17 @@ char* text_of(const std::string& field) {
 
 }  // namespace
 
-// The names are those of the libraries.
+// The names are those of the libraries. Parameters that nothing reads are left out.
 // NOLINTBEGIN(readability-identifier-naming)
 extern "C" {
 void* mysql_init(void* /*connection*/) {
     return &object;
 }
 void mysql_close(void* /*connection*/) {}
-const char* mysql_error(void* /*connection*/) {
+const char* mysql_error(const void* /*connection*/) {
     return "";
 }
-void* mysql_real_connect(void* connection, ...) {
-    return connection;
-}
+[[gnu::alias("mysql_init")]] void* mysql_real_connect(void* connection);
 int mysql_query(void* /*connection*/, const char* text) {
     return find_answer(text);
 }
@@ -86,51 +74,41 @@ const void* mysql_store_result(void* /*connection*/) {
     return found;
 }
 unsigned mysql_num_fields(void* /*result*/) {
-    return found->rows.empty() ? 0 : static_cast<unsigned>(found->rows[0].size());
+    return found->empty() ? 0 : static_cast<unsigned>(found->front().size());
 }
 void mysql_free_result(void* /*result*/) {}
-int mysql_options(void* /*connection*/, int /*option*/, const void* /*value*/) {
+int mysql_options(const void* /*connection*/) {
     return 0;
 }
 void mysql_library_end() {}
 char** mysql_fetch_row(void* /*result*/) {
-    if (next_row == found->rows.size()) return nullptr;
-    const fields& values = found->rows[next_row++];
-    for (std::size_t at = 0; at < values.size(); ++at)
-        row.at(at) = text_of(values[at]);
+    if (next_row == found->size()) return nullptr;
+    std::ranges::transform((*found)[next_row++], row.begin(), text_of);
     return row.data();
 }
 
-void* PQconnectdb(const char* /*conninfo*/) {
-    return &object;
-}
-void* PQsetdbLogin(...) {
-    return &object;
-}
-int PQstatus(const void* /*connection*/) {
-    return 0;
-}
+int PQconnectdb;  // looked up, never called
+[[gnu::alias("mysql_init")]] void* PQsetdbLogin(void* host);
+[[gnu::alias("mysql_options")]] int PQstatus(const void* connection);
+[[gnu::alias("mysql_error")]] const char* PQerrorMessage(const void* connection);
 void* PQexec(void* /*connection*/, const char* text) {
     find_answer(text);
     return &object;
 }
 char* PQgetvalue(const void* /*result*/, int at, int column) {
-    return text_of(found->rows.at(static_cast<std::size_t>(at)).at(static_cast<std::size_t>(column)));
+    return text_of(found->at(static_cast<std::size_t>(at) + 1).at(static_cast<std::size_t>(column)));
 }
 int PQresultStatus(const void* /*result*/) {
     return found != nullptr ? 2 : 7;
 }
 int PQntuples(const void* /*result*/) {
-    return static_cast<int>(found->rows.size());
+    return static_cast<int>(found->size()) - 1;
 }
 int PQnfields(const void* /*result*/) {
-    return static_cast<int>(found->names.size());
+    return static_cast<int>(found->front().size());
 }
 char* PQfname(const void* /*result*/, int column) {
-    return text_of(found->names.at(static_cast<std::size_t>(column)));
-}
-char* PQerrorMessage(const void* /*connection*/) {
-    return const_cast<char*>("");
+    return text_of(found->front().at(static_cast<std::size_t>(column)));
 }
 void PQclear(void* /*result*/) {}
 void PQfinish(void* /*connection*/) {}
