@@ -70,6 +70,18 @@ for name, settings in tomllib.loads(template("servers.toml")).items():
     globals()[name] = type(name, (Server,), settings)
 
 
+RULES = {"per_second": sum, "per_minute": lambda rates: sum(rates) / 60, "max": max, "last": lambda found: found[-1]}
+
+
+def check_figures(reports, table, **values):
+    """Compares figures with a table of SERVICE KEY RULE LOWEST HIGHEST OWN. Rates are added up; OWN is what the agent
+    itself may add in each cycle."""
+    for row in template(table, **values).splitlines():
+        service, key, rule, lowest, highest, own = row.split()
+        found = [report[service][key] for report in reports if service in report]
+        assert float(lowest) <= RULES[rule](found) <= float(highest) + int(own) * len(found), (row, found)
+
+
 def check_restarts(collector, count, taken, kept):
     """Of so many elements, a server that is stopped takes those in `taken` with it, and nothing else; those in `kept`
     stay, with a rate of 0. All is as before once the server is started again."""
@@ -78,11 +90,13 @@ def check_restarts(collector, count, taken, kept):
     everything = wait_until(lambda found: len(found) == count)
     for server, own in taken.items():
         server.stop()
+        collector.reports_of_now()
         wait_until(lambda found: set(found) == everything - own)
         server.start()
         wait_until(lambda found: set(found) == everything)
     for server, (key, rate) in kept.items():
         server.stop()
+        collector.reports_of_now()
         wait_until(lambda found: set(found) == everything and found[key][rate] == 0)
         server.start()
         wait_until(lambda found: set(found) == everything and found[key][rate] > 0)

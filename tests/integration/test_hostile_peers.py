@@ -1,6 +1,4 @@
-"""Every kind of service on a peer that answers as a real server does, but for one reply: cut, changed, endless and worse.
-
-TARN_HOSTILE_REPLIES=1000 makes it so many for each kind, one kind after the other."""
+"""Peers of every kind that answer as a real server does, but for one reply: cut, changed, endless and worse."""
 
 import base64
 import contextlib
@@ -11,19 +9,18 @@ import re
 import struct
 from pathlib import Path
 
-import pytest
-
-from fake_server import MYSQL_GREETING, FakeServer, captured, mysql_packet, reset
+from fake_server import (CLIENT_LIBRARIES, HTTP_OK, KINDS, MYSQL_GREETING, MYSQL_OK, FakeServer, line_of,
+                         mysql_packet, reset)
 from harness import BUILD, Agent, Collector, wait_for
 
-REPLIES = int(os.environ.get("TARN_HOSTILE_REPLIES", 40))
+REPLIES = int(os.environ.get("TARN_HOSTILE_REPLIES", 40))  # of each kind; 1000 for the long form
 FLOOD = 64 << 20
 
 
-def tables(name):
-    """The results in a file of rows: the names of the columns, if it has them, and the rows."""
+def tables(kind):
+    """The results of a kind's statements: the names of the columns, if they are known, and the rows."""
     found = []
-    for line in captured(name).decode().splitlines():
+    for line in KINDS[kind][1][0].decode().splitlines():
         fields = [None if field == r"\N" else field.encode() for field in line.removeprefix("= ").split("\t")]
         if line.startswith("> "):
             found.append(([], []))
@@ -58,26 +55,12 @@ def postgre_result(names, rows):
             + postgre_message(b"C", b"SELECT\0") + POSTGRE_READY)
 
 
-def mysql_session(name):
-    return [MYSQL_GREETING, mysql_packet(2, b"\0\0\0\2\0\0\0"), *itertools.starmap(mysql_result, tables(name))]
-
-
 # The replies of one connection. MySQL's begins before the first request.
-SESSIONS = {
-    "redis": [captured("redis_info.txt")], "memcache": [captured("memcached_stats.txt")],
-    "beanstalk": [captured("beanstalkd_stats.txt")], "nginx": [captured("nginx_status.txt")],
-    "apache": [captured("apache_status.txt")], "fpm": [captured("fpm_answer.bin")],
-    "rabbit": [captured("rabbit_nodes.txt"), captured("rabbit_queues.txt")],
-    "elastic": [captured("elastic_node.txt"), captured("elastic_health.txt")],
-    "mysql": mysql_session("mysql.rows"), "sphinx": mysql_session("sphinx.rows"),
-    "postgresql": [b"N", postgre_message(b"R", bytes(4)) + POSTGRE_READY,
-                   *itertools.starmap(postgre_result, tables("postgre.rows"))]}
-
-
-LINES = {
-    "redis": "redis_{} u:@{}", "memcache": "memcache {1}", "beanstalk": "beanstalk {1}", "nginx": "nginx_{} {}/status b",
-    "apache": "apache_{} {}", "fpm": "fpm_{} {} /status", "rabbit": "rabbit_{} u:p@{}", "elastic": "elastic_{} {} node-7",
-    "mysql": "mysql_{} u:p@{}", "sphinx": "sphinx_{} u:p@{}", "postgresql": "postgresql_{} u:p@{}"}
+SESSIONS = {kind: answers for kind, (_, answers) in KINDS.items()}
+for kind in "mysql", "sphinx":
+    SESSIONS[kind] = [MYSQL_GREETING, MYSQL_OK, *itertools.starmap(mysql_result, tables(kind))]
+SESSIONS["postgre"] = [b"N", postgre_message(b"R", bytes(4)) + POSTGRE_READY,
+                       *itertools.starmap(postgre_result, tables("postgre"))]
 
 
 def flood(piece):
@@ -93,8 +76,8 @@ def replacement(kind, reply, chance):
     return chance.choices([
         [reply[:at]], [reply[:at] + chance.randbytes(end - at) + reply[end:]], [reply[:at] + reply[end:]],
         [reply * chance.randrange(2, 99)], [re.sub(rb"\d+", b"9" * chance.randrange(1, 400), reply)], [other],
-        [reply, *flood(reply[at:end] or b"\xff")], flood(b'[{"":[0,'), [reply[:at], *([reset] if kind != "fpm" else [])],
-        [reply[:at], *[b"0", 0.05] * 9]], [4, 8, 2, 2, 2, 2, 1, 1, 1, 1])[0]
+        [reply, *flood(reply[at:end] or b"\xff")], flood(b'[{"":[0,'), [reply[:at], *[b"0", 0.05] * 9],
+        [reply[:at], *([reset] if kind != "fpm" else [])]], [4, 8, 2, 2, 2, 2, 1, 1, 1, 1])[0]
 
 
 class Hostile(FakeServer):
@@ -118,7 +101,7 @@ class Hostile(FakeServer):
 @contextlib.contextmanager
 def running(directory, lines, redis):
     """An agent that must go on reporting the host, and a good server."""
-    config = "mysql_lib libmariadb.so.3\npostgre_lib libpq.so.5\nredis_good u:@127.0.0.1:%d\n" % redis.port + lines
+    config = CLIENT_LIBRARIES + line_of("redis", "good", redis.port) + lines
     # AddressSanitizer needs more memory, and would end a process that asks for too much.
     is_sanitized = "asan" in BUILD.name
     env = os.environ | {"ASAN_OPTIONS": "allocator_may_return_null=1"}
@@ -133,52 +116,41 @@ def running(directory, lines, redis):
         assert is_sanitized or peak < 64 << 10  # kB
 
 
-@pytest.mark.parametrize("kinds", [[kind] for kind in SESSIONS] if REPLIES > 40 else [list(SESSIONS)])
-def test_hostile_replies(tmp_path, redis, kinds):
-    slots = 4 if len(kinds) > 1 else 15
-    with contextlib.ExitStack() as stack:
-        servers = {kind: stack.enter_context(Hostile(kind)) for kind in kinds}
-        lines = "".join(LINES[kind].format(n, f"127.0.0.1:{server.port}") + "\n"
-                        for kind, server in servers.items() for n in range(slots))
-        with running(tmp_path, lines, redis) as (reports, collector):
-            while min(server.sent for server in servers.values()) < REPLIES:
-                reports.append(collector.report())
+def test_hostile_replies(tmp_path, redis):
+    servers = [Hostile(kind) for kind in SESSIONS]
+    lines = "".join(line_of(server.kind, n, server.port) for server in servers for n in range(4))
+    with running(tmp_path, lines, redis) as (reports, collector):
+        while min(server.sent for server in servers) < REPLIES:
+            reports.append(collector.report())
 
 
-def endless_login(peer):
-    """To compute the proof of this password takes an hour."""
-    peer.recv(65536)
-    peer.sendall(b"N")
-    peer.recv(65536)
-    peer.sendall(postgre_message(b"R", struct.pack(">i", 10) + b"SCRAM-SHA-256\0\0"))
+def endless_proof(peer):
+    """To compute this proof of the password takes an hour."""
     nonce = peer.recv(65536).split(b",r=")[-1]
     salt = base64.b64encode(bytes(8))
     peer.sendall(postgre_message(b"R", struct.pack(">i", 11) + b"r=" + nonce + b"0,s=" + salt + b",i=2147483647"))
 
 
-MYSQL_LOGIN = MYSQL_GREETING, ..., SESSIONS["mysql"][1], ..., mysql_result([b"a", b"b"], [])[:-9]
-POSTGRE_LOGIN = ..., b"N", ..., SESSIONS["postgresql"][1], ..., postgre_result([b"a"], [])[:27]
+MYSQL_LOGIN = MYSQL_GREETING, ..., MYSQL_OK, ..., mysql_result([b"a", b"b"], [])[:-9]
+POSTGRE_LOGIN = ..., b"N", ..., SESSIONS["postgre"][1], ..., postgre_result([b"a"], [])[:27]
 POSTGRE_ROWS = postgre_message(b"D", b"\0\1\0\0\0\0011") * 1000,
-HTTP = b"HTTP/1.0 200 OK\r\n\r\n"
 FLOODS = [
     ("mysql", *MYSQL_LOGIN, (mysql_packets([b"\1a\xfc\xe8\3" + bytes(1000)] * 256, 5),)),
     ("sphinx", *MYSQL_LOGIN, (b"\xff\xff\xff\5" + bytes(0xffffff),)),
-    ("postgresql", *POSTGRE_LOGIN, POSTGRE_ROWS),
-    ("postgresql", *POSTGRE_LOGIN, postgre_message(b"D", b"", 1 << 30), (bytes(1 << 20),)),
-    ("postgresql", endless_login),
-    ("rabbit", ..., HTTP + b"[" + b"1," * 200000 + b"1]"),
-    ("elastic", ..., HTTP + b"{" + b'"":[{}],' * 80000 + b'"":{}}')]
+    ("postgre", *POSTGRE_LOGIN, POSTGRE_ROWS),
+    ("postgre", *POSTGRE_LOGIN, postgre_message(b"D", b"", 1 << 30), (bytes(1 << 20),)),
+    ("postgre", ..., b"N", ..., postgre_message(b"R", struct.pack(">i", 10) + b"SCRAM-SHA-256\0\0"), endless_proof),
+    ("rabbit", ..., HTTP_OK, (bytes(1 << 20),)),
+    ("rabbit", ..., HTTP_OK + b"[" + b"1," * 200000 + b"1]"),
+    ("elastic", ..., HTTP_OK + b"{" + b'"":[{}],' * 80000 + b'"":{}}')]
 
 
 def test_floods(tmp_path, redis):
     """The client libraries keep and compute what they like: their memory and time are bounded from outside."""
-    with contextlib.ExitStack() as stack:
-        servers = [stack.enter_context(FakeServer(*steps)) for _, *steps in FLOODS]
-        lines = [LINES[kind].format(n, f"127.0.0.1:{server.port}")
-                 for n, ((kind, *_), server) in enumerate(zip(FLOODS, servers))]
-        servers.append(stack.enter_context(FakeServer(*POSTGRE_LOGIN[2:], POSTGRE_ROWS, path="/run/.s.PGSQL.5432")))
-        lines.append(LINES["postgresql"].format("path", "/run:5432"))
-        with running(tmp_path, "\n".join(lines) + "\n", redis) as (reports, collector):
+    servers = [FakeServer(*steps) for _, *steps in FLOODS]
+    lines = [line_of(kind, n, server.port) for n, ((kind, *_), server) in enumerate(zip(FLOODS, servers))]
+    with FakeServer(*POSTGRE_LOGIN[2:], POSTGRE_ROWS, path=Path("/run/.s.PGSQL.5432")) as local:
+        lines.append(line_of("postgre", "local", 5432, "/run"))
+        with running(tmp_path, "".join(lines), redis) as (reports, collector):
             reports += collector.reports(8)
-            wait_for(lambda: all(server.lasted for server in servers))
-    Path("/run/.s.PGSQL.5432").unlink()
+            wait_for(lambda: all(server.lasted for server in [*servers, local]))
