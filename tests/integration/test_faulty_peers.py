@@ -45,11 +45,12 @@ FAULTS = {
 def test_every_time_out_ends_its_own_wait(tmp_path):
     """With an interval that leaves much time to a cycle."""
     silent, mysql, rabbit = FakeServer(..., ...), FakeServer(*DRIP), FakeServer(..., (b"x" * 4096, 0.3))
-    config = template("time_outs.conf", silent=silent, mysql=mysql, rabbit=rabbit)
+    elastic = FakeServer(..., (b"x" * 65536, 0.005))  # the size of an answer is bounded, too
+    config = template("time_outs.conf", silent=silent, mysql=mysql, rabbit=rabbit, elastic=elastic)
     # Started now, the agent begins its first cycle in a moment.
     wait_for(lambda: 2 < (drawn_second(time.time(), 40) + 2 - time.time()) % 40 < 12, 60)
     with FakeServer(*DRIP, path=Path("/run/docker.sock")) as engine, Agent(tmp_path, config):
-        for server, seconds in {silent: 1, mysql: 2, rabbit: 10, engine: 1}.items():
+        for server, seconds in {silent: 1, mysql: 2, rabbit: 10, elastic: 0, engine: 1}.items():
             assert seconds - 0.1 < wait_for(lambda: server.lasted, 60)[0] < seconds + 3
 
 

@@ -140,7 +140,6 @@ FLOODS = [
     ("postgre", *POSTGRE_LOGIN, POSTGRE_ROWS),
     ("postgre", *POSTGRE_LOGIN, postgre_message(b"D", b"", 1 << 30), (bytes(1 << 20),)),
     ("postgre", ..., b"N", ..., postgre_message(b"R", struct.pack(">i", 10) + b"SCRAM-SHA-256\0\0"), endless_proof),
-    ("rabbit", ..., HTTP_OK, (bytes(1 << 20),)),
     ("rabbit", ..., HTTP_OK + b"[" + b"1," * 200000 + b"1]"),
     ("elastic", ..., HTTP_OK + b"{" + b'"":[{}],' * 80000 + b'"":{}}')]
 
