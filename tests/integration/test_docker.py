@@ -4,10 +4,11 @@ import contextlib
 import os
 import re
 import signal
+import time
 from pathlib import Path
 
 from fake_server import CLIENT_LIBRARIES, HTTP_OK, MYSQL_GREETING, FakeServer, answering, inspection, line_of
-from harness import Agent, Collector, children, flat, scribbling, shm_blocks, template, wait_for
+from harness import Agent, Collector, children, drawn_second, flat, scribbling, shm_blocks, template, wait_for
 from real_servers import Docker
 
 SOCKET = Path("/run/docker.sock")
@@ -68,6 +69,16 @@ def test_states_addresses_and_cpu_figures(tmp_path, redis):
         assert engine.requests[0] == b"GET /containers/run/json HTTP/1.0\n\n"
         assert b"GET /containers/gone/stats?stream=true HTTP/1.0\n\n" in engine.requests
     agent.has_said(*template("docker.txt", "golden").splitlines(keepends=True))
+
+
+def test_all_containers_of_a_late_first_cycle_are_followed(tmp_path, redis):
+    names = ["one", "two", "three"]
+    streams = {name: [statistics(100 * place), 30] for place, name in enumerate(names, 1)}
+    with Engine(dict.fromkeys(names, inspection(Running=True)), streams), Collector() as collector:
+        # The statistics process waits for the first container then.
+        wait_for(lambda: 3 <= (drawn_second(time.time(), 6) + 2 - int(time.time())) % 6 <= 4)
+        with Agent(tmp_path, collector.config("interval 6\n" + lines(names, redis.port))):
+            collector.report_where(lambda report: [cpu_usage(report, name) for name in names] == [20.0, 40.0, 60.0])
 
 
 def test_a_broken_engine_leaves_everything_else_alone(tmp_path, redis):

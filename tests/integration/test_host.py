@@ -1,8 +1,10 @@
 """The report of a whole faked host, and of hosts whose kernel files are broken."""
 
+import contextlib
 import os
 import re
 import subprocess
+import threading
 import time
 
 import pytest
@@ -90,12 +92,29 @@ def test_broken_kernel_files_cost_their_own_figures_only(tmp_path, host, fault):
         assert set(report["mem"].values()) == {0}
 
 
+def serve_in_pieces(path):
+    """Replaces a file with a pipe that gives its text in two pieces, as the kernel does where a disk has so many
+    partitions that it does not fit into a page any more."""
+    text = path.read_bytes()
+    path.unlink()
+    os.mkfifo(path)
+
+    def serve():
+        while True:
+            with open(path, "wb", buffering=0) as pipe, contextlib.suppress(BrokenPipeError):
+                for piece in text[:3000], text[3000:]:
+                    pipe.write(piece)
+                    time.sleep(0.1)
+    threading.Thread(target=serve, daemon=True).start()
+
+
 def test_more_than_255_interfaces_and_devices(tmp_path, host):
     count = 700
     host.write(dev="head\nhead\n" + "".join(f"if{n}: {'1 ' * 16}\n" for n in range(count)),
                diskstats="".join(f" 8 {n} d{n} 1 2 3 4 5 6 7 8 9 10 11\n" for n in range(count)))
     for n in range(count):
         host.disk(f"d{n}")
+    serve_in_pieces(host.root / "diskstats")
     with Collector(tcp=True) as collector, Agent(tmp_path, collector.config(), command=host.command()):
         report = collector.reports(3)[-1]
     assert len(report["net"]) == len(report["disks"]) == count

@@ -115,5 +115,10 @@ TEST(Os, ReleaseFilesAreReadInTurnByTheirRules) {
         os_operations.update(os.counter);
         return fields(os.data().os_name, os.data().os_version);
     });
+    for (const std::string version : {"1", "2"}) {
+        std::ofstream("/etc/issue") << "Debian " << version << "\n";
+        os_operations.update(os.counter);
+        EXPECT_EQ(os.data().os_version, version);
+    }
     ::umount2("/etc", MNT_DETACH);
 }
