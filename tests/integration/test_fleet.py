@@ -6,6 +6,7 @@ import json
 import random
 import re
 import socket
+import statistics
 import subprocess
 import threading
 import time
@@ -274,4 +275,5 @@ def test_a_full_queue_drops_the_oldest_and_slow_clients_cost_a_descriptor():
         assert figures['tarn_receive_bad_packets_total{reason="idle",source="127.0.0.1"}'] == 8
         for one in (slow, *idle):
             one.close()
-    assert engine.stored()[-1].split()[-1] == b"3999000000000"
+    seconds = [int(line.split()[-1]) // 10**9 for lines in engine.stored() for line in lines.splitlines()]
+    assert seconds[-1] == 3999 and statistics.median(seconds) > 2000
