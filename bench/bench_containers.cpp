@@ -26,7 +26,7 @@ void containers(benchmark::State& state) {
     for (long n = 0; n < state.range(0); ++n)
         tarn_docker_add_container(*config.docker, "container-" + std::to_string(n));
     for (auto _ : state)
-        tarn_docker_update(config.docker, 0);
+        tarn_docker_update(config.docker);
     state.counters["time_per_container"] =
         benchmark::Counter(static_cast<double>(state.range(0)),
                            benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);

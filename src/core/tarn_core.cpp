@@ -92,9 +92,9 @@ void updateCounters() {
     tarn::budget.begin_cycle(waits);
     order.begin({mysql_family(), memcache_family(), beanstalk_family(), redis_family(), mycustom_family()},
                 waits);
-    tarn_docker_begin_cycle(config.docker);
+    tarn_docker_begin_cycle(config.docker, waits);
     const bool engine_first = config.docker == nullptr || !config.docker->was_silent;
-    if (engine_first) tarn_docker_update(config.docker, order.expected());
+    if (engine_first) tarn_docker_update(config.docker);
     tarn::budget.begin_exchange(order.expected(), tarn::slot_of_living);
     tarn::visit("update: core... ", core_family(), ask_host);
     tarn::visit("done, mysqls... ", mysql_family(), ask_service);
@@ -103,8 +103,9 @@ void updateCounters() {
     tarn::visit("done, redises... ", redis_family(), ask_service);
     tarn::visit("done, mycustoms... ", mycustom_family(), ask_service);
     order.ask_slow();
-    if (!engine_first) tarn_docker_update(config.docker, 0);
+    if (!engine_first) tarn_docker_update(config.docker);
     order.ask_silent();
+    tarn_docker_end_cycle(config.docker);
     tarn::budget.end_cycle();
     trace("done, customs PARENT... %ld", std::time(nullptr));
     watch_customs_process();

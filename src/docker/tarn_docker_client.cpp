@@ -60,8 +60,8 @@ read_result read_more(const tarn::stream& connection, tarn::deadline end, std::s
 
 }  // namespace
 
-tarn::stream tarn_docker_connect(std::string_view sock_path) {
-    tarn::stream connection = tarn::connect_unix(sock_path, tarn::budget.limit(timeout));
+tarn::stream tarn_docker_connect(std::string_view sock_path, tarn::deadline latest) {
+    tarn::stream connection = tarn::connect_unix(sock_path, {timeout, latest});
     const bool is_connect = connection.failed == tarn::stream_step::connect;
     if (!connection) tarn::budget.note_failure(connection.error);
     if (!connection) tarn::print_error(is_connect ? "connect" : "socket", connection.error);

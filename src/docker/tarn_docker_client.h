@@ -8,8 +8,8 @@
 #include "support/tarn_streams.h"
 
 /// Connects to the engine's socket. On failure prints a message and returns a stream that is not open. Each
-/// wait on the stream is limited to one second.
-tarn::stream tarn_docker_connect(std::string_view sock_path);
+/// wait on the stream is limited to one second, and ends by `latest`.
+tarn::stream tarn_docker_connect(std::string_view sock_path, tarn::deadline latest);
 
 /// The request for a path of the engine's API: "GET ", the path in three parts, " HTTP/1.0" and two bare line
 /// feeds. Returns nothing when the path is too long, or when the name is not a letter or digit followed by

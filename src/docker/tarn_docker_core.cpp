@@ -53,6 +53,10 @@ void publish(tarn_docker& docker, std::size_t index) {
     tarn::copy_terminated(shared.ip, record.ip);
     shared.running = record.running;
     shared.state = record.state;
+}
+
+/// Announces all containers to the statistics process, which follows those that it finds on its first look.
+void announce(tarn_docker& docker) {
     const auto count = static_cast<std::uint16_t>(docker.containers.size());
     if (shared_count(docker).exchange(count, std::memory_order_acq_rel) == count) return;
     if (!docker.statistics_process) return;
@@ -60,16 +64,23 @@ void publish(tarn_docker& docker, std::size_t index) {
     if (is_gone) docker.statistics_process.reset();
 }
 
-/// The engine's answer about one container; empty when there is none. An engine that timed out in this cycle
-/// is not asked.
-std::string inspect(tarn_docker& docker, std::string_view name, tarn::deadline latest) {
-    const auto request = tarn_docker_request("/containers/", name, "/json");
-    if (docker.is_silent) tarn::budget.note_skipped();
-    if (!request || docker.is_silent) return {};
-    const tarn::stream connection = tarn_docker_connect(socket_path(docker));
-    std::string answer = connection ? tarn_docker_cmd(connection, *request, latest).value_or("") : "";
+/// Sends one request, which may take half of the engine's time that is left.
+std::string ask_engine(tarn_docker& docker, std::string_view request) {
+    const tarn::deadline end(docker.time_left);
+    const tarn::deadline latest = tarn::deadline(docker.time_left / 2).or_before(tarn::budget.end_of_cycle());
+    const tarn::stream connection = tarn_docker_connect(socket_path(docker), latest);
+    std::string answer = connection ? tarn_docker_cmd(connection, request, latest).value_or("") : "";
+    docker.time_left = end.left();
     docker.is_silent = answer.empty() && tarn::budget.timed_out();
     return answer;
+}
+
+/// The engine's answer about one container; empty when there is none. An engine that timed out in this cycle
+/// is not asked.
+std::string inspect(tarn_docker& docker, std::string_view name) {
+    const auto request = tarn_docker_request("/containers/", name, "/json");
+    if (docker.is_silent) tarn::budget.note_skipped();
+    return request && !docker.is_silent ? ask_engine(docker, *request) : "";
 }
 
 /// The state of a container that is not running; `before` when no flag is set.
@@ -191,8 +202,8 @@ int tarn_docker_add_container(tarn_docker& docker, std::string_view name) {
     return static_cast<int>(index);
 }
 
-int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest) {
-    std::string answer = inspect(docker, name, latest);
+int tarn_docker_update_info(tarn_docker& docker, std::string_view name) {
+    std::string answer = inspect(docker, name);
     const std::size_t body = answer.find("{\"");
     if (body == std::string::npos) return -1;
     const nx_json_tree root = nx_json_parse_utf8(answer, body);
@@ -210,11 +221,20 @@ int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::de
     return index;
 }
 
-void tarn_docker_begin_cycle(tarn_docker* docker) {
-    if (docker != nullptr) docker->was_silent = std::exchange(docker->is_silent, false);
+void tarn_docker_begin_cycle(tarn_docker* docker, tarn::deadline::clock::duration waits) {
+    if (docker == nullptr) return;
+    docker->was_silent = std::exchange(docker->is_silent, false);
+    docker->time_left = waits / (docker->was_silent ? 4 : 2);
 }
 
-int tarn_docker_update(tarn_docker* docker, std::size_t others) {
+void tarn_docker_end_cycle(tarn_docker* docker) {
+    if (docker == nullptr) return;
+    const bool is_incomplete = docker->is_silent && docker->containers.size() != docker->last_size;
+    docker->last_size = docker->containers.size();
+    if (!is_incomplete) announce(*docker);
+}
+
+int tarn_docker_update(tarn_docker* docker) {
     if (docker == nullptr || docker->containers.empty()) return 0;
     static std::vector<std::size_t> order;
     order_refresh(*docker, order);
@@ -222,9 +242,9 @@ int tarn_docker_update(tarn_docker* docker, std::size_t others) {
     for (std::size_t at = 0; at < order.size() && stop == 0 && !docker->is_silent; ++at) {
         tarn_docker_record& container = docker->containers[order[at]];
         container.last_refresh = docker->refresh;
-        tarn::budget.begin_exchange(order.size() - at - 1 + others, tarn::slot_of_living);
+        tarn::budget.begin_exchange(0, {});
         try {
-            tarn_docker_update_info(*docker, container.name, tarn::budget.end_of_exchange());
+            tarn_docker_update_info(*docker, container.name);
         } catch (const std::exception& error) {
             std::printf("[docker] %s: %s\n", container.name, error.what());
         }
@@ -235,8 +255,8 @@ int tarn_docker_update(tarn_docker* docker, std::size_t others) {
 
 std::optional<std::string_view> tarn_docker_resolve(tarn_docker* docker, std::string_view name) {
     if (docker == nullptr) return std::nullopt;
-    // The other half of the time is for the service itself.
-    const int index = tarn_docker_update_info(*docker, name, tarn::budget.end_of_half());
+    const int index = tarn_docker_update_info(*docker, name);
+    tarn::budget.restart_exchange();
     if (index < 0) return std::nullopt;
     const tarn_docker_container_t& container = docker->containers[static_cast<std::size_t>(index)];
     if (container.running == 0 || container.ip[0] == '\0') return std::nullopt;

@@ -57,8 +57,11 @@ struct tarn_docker {
     key_t key = 0;  ///< System V key of the block
     tarn::attached_block block;
     std::vector<tarn_docker_record> containers;
-    bool is_silent = false;              ///< the engine timed out in this cycle and is not asked again
-    bool was_silent = false;             ///< the engine timed out in the previous cycle
+    bool is_silent = false;   ///< the engine timed out in this cycle and is not asked again
+    bool was_silent = false;  ///< the engine timed out in the previous cycle
+    /// Time that requests to the engine may take in this cycle.
+    tarn::deadline::clock::duration time_left = tarn::deadline::clock::duration::max();
+    std::size_t last_size = 0;           ///< number of containers at the end of the previous cycle
     unsigned long refresh = 0;           ///< number of the current refresh
     tarn::unique_fd statistics_process;  ///< pipe to that process; one byte per change of the count
 
@@ -91,19 +94,25 @@ int tarn_docker_find_container(const tarn_docker& docker, std::string_view name)
 int tarn_docker_add_container(tarn_docker& docker, std::string_view name);
 
 /// Asks the engine about one container and adds it to the table if it is new. Returns its index, or -1 when
-/// there is no answer by `latest` or the table is full.
-int tarn_docker_update_info(tarn_docker& docker, std::string_view name, tarn::deadline latest);
+/// there is no answer in time or the table is full.
+int tarn_docker_update_info(tarn_docker& docker, std::string_view name);
 
 /// Fills a container from the engine's answer about it; `status` receives the engine's word for the state.
 void docker_read_answer(const nx_json& root, tarn_docker_container_t& container, char (&status)[19]);
 
-/// Begins a cycle: an engine that timed out may be asked again. `docker` may be null.
-void tarn_docker_begin_cycle(tarn_docker* docker);
+/// Begins a cycle: an engine that timed out may be asked again. Of the time that the cycle may wait
+/// altogether, all requests to the engine together get half, so that an answer that is late once does no
+/// harm; a quarter when the engine was silent in the previous cycle. `docker` may be null.
+void tarn_docker_begin_cycle(tarn_docker* docker, tarn::deadline::clock::duration waits);
 
-/// Asks the engine about every container of the table; `docker` may be null. Leaves time for `others` further
-/// exchanges in this cycle. Containers that it did not answer for come last, least recently asked first.
-/// Returns 0.
-int tarn_docker_update(tarn_docker* docker, std::size_t others);
+/// Ends a cycle: announces the containers to the statistics process, which follows those that it is told of
+/// first. That waits for the next cycle if the engine has answered for some new ones and not for others.
+/// `docker` may be null.
+void tarn_docker_end_cycle(tarn_docker* docker);
+
+/// Asks the engine about every container of the table; `docker` may be null. Containers that it did not
+/// answer for come last, least recently asked first. Returns 0.
+int tarn_docker_update(tarn_docker* docker);
 
 /// The address of a running container; costs one request. Returns nothing when the container is unknown, is
 /// not running or has no address, and when `docker` is null. The text is valid until the next refresh.

@@ -119,16 +119,11 @@ tarn::stream get_fd_for_container_stats(std::string_view name) {
     give_up(connection.failed == tarn::stream_step::connect ? "connect" : "socket");
 }
 
-/// Waits for the first container, and on until no other is added for a second: those of one cycle come one
-/// after the other. False when the process must end first.
+/// Waits for the first containers; false when the process must end first.
 bool wait_for_containers(tarn_docker_t& table, waiter& waiting) {
     std::vector<pollfd> polled(1);
     while (!waiting.is_over() && container_count(table) == 0)
         waiting.wait(polled);
-    for (int known = 0; !waiting.is_over() && known != container_count(table);) {
-        known = container_count(table);
-        ::sleep(1);
-    }
     return !waiting.is_over();
 }
 

@@ -11,8 +11,7 @@ cycle_budget budget;
 
 void cycle_budget::begin_cycle(duration total) {
     end_of_cycle_ = deadline(total);
-    end_of_exchange_ = end_of_cycle_;
-    timed_out_ = skipped_ = false;
+    begin_exchange(0, {});
 }
 
 void cycle_budget::end_cycle() {
@@ -20,17 +19,18 @@ void cycle_budget::end_cycle() {
 }
 
 void cycle_budget::begin_exchange(std::size_t others, duration slot) {
+    others_ = others;
+    slot_ = slot;
     timed_out_ = skipped_ = false;
+    restart_exchange();
+}
+
+void cycle_budget::restart_exchange() {
     end_of_exchange_ = end_of_cycle_;
     const duration left = end_of_cycle_.left();
     if (left == duration::max()) return;
-    const auto count = static_cast<duration::rep>(others);
-    end_of_exchange_ = deadline(std::max(left - count * slot, left / (count + 1)));
-}
-
-deadline cycle_budget::end_of_half() const {
-    const duration left = end_of_exchange_.left();
-    return left == duration::max() ? deadline() : deadline(left / 2);
+    const auto count = static_cast<duration::rep>(others_);
+    end_of_exchange_ = deadline(std::max(left - count * slot_, left / (count + 1)));
 }
 
 void cycle_budget::note_failure(int error) {

@@ -35,11 +35,11 @@ class cycle_budget final {
         return deadline(time).or_before(end_of_exchange_);
     }
 
-    /// The deadline of the exchange.
-    [[nodiscard]] deadline end_of_exchange() const { return end_of_exchange_; }
+    /// The deadline of all exchanges of the cycle.
+    [[nodiscard]] deadline end_of_cycle() const { return end_of_cycle_; }
 
-    /// The deadline of the first of two exchanges that share the time.
-    [[nodiscard]] deadline end_of_half() const;
+    /// Gives the exchange its share of what is left anew: the time that has passed was another peer's.
+    void restart_exchange();
 
     /// Notes that a wait of the exchange failed with this error number.
     void note_failure(int error);
@@ -57,6 +57,8 @@ class cycle_budget final {
   private:
     deadline end_of_cycle_;
     deadline end_of_exchange_;
+    duration slot_{};
+    std::size_t others_ = 0;
     bool timed_out_ = false;
     bool skipped_ = false;
 };

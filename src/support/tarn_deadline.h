@@ -13,7 +13,9 @@ class deadline final {
 
     /// A deadline that never passes.
     deadline() = default;
-    explicit deadline(clock::duration from_now) : end_(clock::now() + from_now) {}
+    /// `from_now` may be the longest duration: the deadline never passes then.
+    explicit deadline(clock::duration from_now)
+        : end_(from_now == clock::duration::max() ? clock::time_point::max() : clock::now() + from_now) {}
 
     [[nodiscard]] bool has_passed() const { return left() == clock::duration::zero(); }
 

@@ -74,11 +74,23 @@ def test_states_addresses_and_cpu_figures(tmp_path, redis):
 def test_all_containers_of_a_late_first_cycle_are_followed(tmp_path, redis):
     names = ["one", "two", "three"]
     streams = {name: [statistics(100 * place), 30] for place, name in enumerate(names, 1)}
-    with Engine(dict.fromkeys(names, inspection(Running=True)), streams), Collector() as collector:
+    late_once = iter([3])
+    answers = dict.fromkeys(names, inspection(Running=True))
+    answers["two"] = [lambda _: time.sleep(next(late_once, 0)), answers["two"]]
+    with Engine(answers, streams), Collector() as collector:
         # The statistics process waits for the first container then.
         wait_for(lambda: 3 <= (drawn_second(time.time(), 6) + 2 - int(time.time())) % 6 <= 4)
         with Agent(tmp_path, collector.config("interval 6\n" + lines(names, redis.port))):
             collector.report_where(lambda report: [cpu_usage(report, name) for name in names] == [20.0, 40.0, 60.0])
+
+
+def test_an_answer_that_takes_a_tenth_of_a_second_costs_no_other_container(tmp_path, redis):
+    names = [f"c{number}" for number in range(12)]
+    answers = dict.fromkeys(names, inspection(Running=True))
+    answers["c0"] = [0.1, answers["c0"]]
+    with Engine(answers), Collector() as collector:
+        with Agent(tmp_path, collector.config("interval 2\n" + lines(names, redis.port))):
+            collector.report_where(lambda report: set(report["redises"]) == set(names))
 
 
 def test_a_broken_engine_leaves_everything_else_alone(tmp_path, redis):
