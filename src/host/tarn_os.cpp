@@ -78,7 +78,9 @@ os_release find_release() {
     static os_release newest;
     if (watch.has_changed(path)) {
         newest = {};
-        if (const auto text = tarn::read_file(path)) os_parse_os_release(*text, newest);
+        const auto text = tarn::read_file(path);
+        if (text) os_parse_os_release(*text, newest);
+        if (!text) watch = {};
     }
     os_release release = newest;
     read_older_files(release);

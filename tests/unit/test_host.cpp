@@ -1,6 +1,7 @@
 // The host counters: parsing of kernel and release files, and rates between samples.
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 
@@ -120,5 +121,14 @@ TEST(Os, ReleaseFilesAreReadInTurnByTheirRules) {
         os_operations.update(os.counter);
         EXPECT_EQ(os.data().os_version, version);
     }
+    std::ofstream("/etc/os-release") << "ID=debian\nNAME=New\n";
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    for (const rlim_t descriptors : {rlim_t{0}, before.rlim_cur}) {
+        const rlimit limit{descriptors, before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        os_operations.update(os.counter);
+    }
+    EXPECT_STREQ(os.data().os_name, "New");
     ::umount2("/etc", MNT_DETACH);
 }
