@@ -171,8 +171,10 @@ int refuse_start(const char* message) {
 int main(int argc, char** argv) {
     open_standard_streams();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    // A reader of the messages that goes away must not end the agent.
+    // Messages that cannot be written, to a reader that has gone away or to a file at its limit, must not end
+    // the agent.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL);
     if (::getuid() != 0) {
         std::printf("ERROR: you must be root!\n");

@@ -117,8 +117,9 @@ def test_standard_streams_lead_nowhere_rather_than_to_a_file(tmp_path):
         assert [os.readlink(f"/proc/{agent.pid}/fd/{n}") for n in range(3)] == ["/dev/null"] * 3
 
 
-def test_a_reader_that_goes_away_does_not_stop_it(tmp_path):
-    command = through('exec "$@" > >(:)')
+@pytest.mark.parametrize("output", ["> >(:)", ">$(mktemp); ulimit -f 2"])
+def test_a_reader_that_goes_away_or_a_file_at_its_limit_does_not_stop_it(tmp_path, output):
+    command = through(f'exec {output}; exec "$@"')
     with Collector() as collector, Agent(tmp_path, collector.config(), "--debug", command=command):
         collector.reports(2)
 
