@@ -78,9 +78,11 @@ os_release find_release() {
     static os_release newest;
     if (watch.has_changed(path)) {
         newest = {};
-        const auto text = tarn::read_file(path);
-        if (text) os_parse_os_release(*text, newest);
-        if (!text) watch = {};
+        if (const auto text = tarn::read_file(path)) {
+            os_parse_os_release(*text, newest);
+        } else {
+            watch = {};  // it may only be that no descriptor is free
+        }
     }
     os_release release = newest;
     read_older_files(release);
