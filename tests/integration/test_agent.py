@@ -117,9 +117,9 @@ def test_standard_streams_lead_nowhere_rather_than_to_a_file(tmp_path):
         assert [os.readlink(f"/proc/{agent.pid}/fd/{n}") for n in range(3)] == ["/dev/null"] * 3
 
 
-@pytest.mark.parametrize("output", ["> >(:)", ">$(mktemp); ulimit -f 2"])
+@pytest.mark.parametrize("output", ["> >(:)", ">{}/log; ulimit -f 2"])
 def test_a_reader_that_goes_away_or_a_file_at_its_limit_does_not_stop_it(tmp_path, output):
-    command = through(f'exec {output}; exec "$@"')
+    command = through(f'exec {output.format(tmp_path)}; exec "$@"')
     with Collector() as collector, Agent(tmp_path, collector.config(), "--debug", command=command):
         collector.reports(2)
 
